@@ -1,0 +1,18 @@
+// The agent's two time helpers. Inside the agent times are signed 64-bit
+// Unix milliseconds; on the wire and in the state file they are UTC strings
+// of the form "2023-11-14T22:13:20.123Z". Both functions are thread-safe.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace corvane {
+
+// The wall clock as whole milliseconds since the Unix epoch (rounded to nearest).
+std::int64_t nowMs();
+
+// `ms` as "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ" in UTC; negative times round
+// down to the earlier second, so -1 is "1969-12-31T23:59:59.999Z".
+std::string isoString(std::int64_t ms);
+
+}  // namespace corvane
