@@ -1,0 +1,154 @@
+// Read-only view of the Messages database ("chat.db"), which the Messages
+// application owns and writes. Opening classifies why the file can't be read
+// (above all: no Full Disk Access); queries name optional columns only when
+// this database has them, so one build reads old and new schema versions.
+//
+// Nothing is ever written: the file is opened read-only with query_only on,
+// and every value is bound as a parameter. A ChatDB is used by one thread at
+// a time; reads wait up to 5 s for the Messages application's write lock.
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/chatdb/sqlite_db.h"
+#include "core/protocol/wire_types.h"
+
+namespace corvane {
+
+class ChatDB {
+ public:
+  // Unix milliseconds of 2001-01-01T00:00:00Z, the epoch of the date columns.
+  static constexpr std::int64_t appleEpochMs = 978307200000;
+  static constexpr int ownHandlesMax = 20;
+
+  // Why the database could not be opened. what() is the sentence shown to the user.
+  class OpenError : public std::exception {
+   public:
+    enum class Kind { missing, fullDiskAccess, other };
+
+    static OpenError missing(std::string path);
+    static OpenError fullDiskAccess(std::string path, std::string detail);
+    static OpenError other(std::string message);
+
+    Kind kind() const { return kind_; }
+    const std::string& path() const { return path_; }
+    // The operating system's or SQLite's text for fullDiskAccess; not shown.
+    const std::string& detail() const { return detail_; }
+    const std::string& description() const { return description_; }
+    const char* what() const noexcept override { return description_.c_str(); }
+    bool operator==(const OpenError& o) const {
+      return kind_ == o.kind_ && path_ == o.path_ && detail_ == o.detail_ &&
+             description_ == o.description_;
+    }
+
+   private:
+    OpenError(Kind kind, std::string path, std::string detail, std::string description);
+    Kind kind_;
+    std::string path_, detail_, description_;
+  };
+
+  // Result of the stand-alone readability probe.
+  struct Access {
+    enum class Kind { ok, other, missing, noFullDiskAccess };
+    Kind kind = Kind::ok;
+    std::int64_t maxRowId = 0;  // ok only
+    std::string message;        // other only
+    bool operator==(const Access&) const = default;
+  };
+
+  struct ExtractedMessage {
+    std::int64_t rowid = 0;
+    std::int64_t sentAtMs = 0;
+    SyncedMessage message;
+    bool operator==(const ExtractedMessage&) const = default;
+  };
+
+  // Chat ROWID → the roster handle that chat belongs to.
+  using ChatMap = std::map<std::int64_t, std::string>;
+
+  // Opens `path` read-only and checks it can be read. Throws OpenError.
+  ChatDB(std::string path, std::optional<std::string> region);
+  ChatDB(const ChatDB&) = delete;
+  ChatDB& operator=(const ChatDB&) = delete;
+
+  const std::string& path() const { return path_; }
+  const std::optional<std::string>& region() const { return region_; }
+  const std::set<std::string>& messageCols() const { return messageCols_; }
+  const std::set<std::string>& attachmentCols() const { return attachmentCols_; }
+  const std::set<std::string>& handleCols() const { return handleCols_; }
+
+  // Safe to call twice.
+  void close() { db_->close(); }
+
+  // See SQLiteDB::setStatementObserver.
+  void setStatementObserver(SQLiteDB::StatementObserver observer) {
+    db_->setStatementObserver(std::move(observer));
+  }
+
+  // The highest message ROWID, 0 for an empty table. Throws SQLiteError.
+  std::int64_t maxRowId();
+
+  // Messages of the mapped chats with cursor < ROWID <= upTo, in ROWID order.
+  // Throws SQLiteError.
+  std::vector<ExtractedMessage> messagesAfter(const ChatMap& chats, std::int64_t cursor,
+                                              std::int64_t upTo);
+  // Messages of the mapped chats dated at or after `sinceMs` with ROWID <= upTo.
+  std::vector<ExtractedMessage> messagesSince(const ChatMap& chats, std::int64_t sinceMs,
+                                              std::int64_t upTo);
+
+  // The message statement with `where` spliced in, and the attachment
+  // statement for `count` ids, exactly as extraction runs them (benchmarks
+  // step the same text).
+  std::string messageSQL(const std::string& where) const;
+  std::string attachmentSQL(std::size_t count) const;
+
+  static Access checkAccess(const std::string& path);
+  // The error for a failed stat of `path` with `err` (an errno value).
+  static OpenError statError(const std::string& path, int err);
+  // (ms − appleEpochMs) × 1e6; aborts on overflow (callers pass clock times).
+  static std::int64_t toAppleNanos(std::int64_t ms);
+  // ~/Library/Messages/chat.db.
+  static std::string defaultPath();
+
+  static std::optional<AttachmentKind> attachmentKind(const std::optional<std::string>& mime,
+                                                      const std::optional<std::string>& uti,
+                                                      const std::optional<std::string>& transferName,
+                                                      bool isSticker);
+  // Removes U+FFFC and NUL, trims white space and line breaks.
+  static std::string cleanText(const std::optional<std::string>& s);
+  // Drops the "bp:" or "p:N/" part-index prefix of a reply or reaction target.
+  static std::optional<std::string> stripAssociatedGuid(const std::optional<std::string>& s);
+  // Tap-back code → word; only these seven codes are reported.
+  static std::optional<std::string> reactionWord(std::int64_t code);
+
+ private:
+  // "m.<col> AS <alias>" when the message table has the column, else "NULL AS <alias>".
+  std::string messageItem(const std::string& column, const std::string& alias) const;
+  std::string messageItem(const std::string& column) const { return messageItem(column, column); }
+  std::vector<ExtractedMessage> extract(const ChatMap& chats, const std::string& where,
+                                        std::vector<SQLValue> params);
+  std::map<std::int64_t, std::vector<AttachmentKind>> attachmentsFor(
+      const std::vector<std::int64_t>& rowids);
+
+  std::string path_;
+  std::optional<std::string> region_;
+  std::unique_ptr<SQLiteDB> db_;
+  std::set<std::string> messageCols_, attachmentCols_, handleCols_;
+};
+
+// Unix milliseconds from a date column: nanoseconds (current systems) or
+// seconds (old ones) since 2001; 0 and NULL stay NULL. Spliced into SQL.
+std::string appleDateToUnixMsSQL(const std::string& column);
+
+// The text of a message row: the "text" column when non-empty, else the
+// string in "attributedBody"; then cleaned. Shared by every row reader.
+std::string extractMessageText(const SQLValue& text, const SQLValue& attributedBody);
+
+}  // namespace corvane

@@ -1,0 +1,292 @@
+// Extraction of upload-ready messages from the one-to-one chats of roster people.
+#include <algorithm>
+#include <array>
+
+#include "core/chatdb/chat_db.h"
+#include "core/chatdb/typed_stream.h"
+#include "core/protocol/iso_time.h"
+#include "core/text/unicode.h"
+
+namespace corvane {
+namespace {
+
+constexpr std::size_t kAttachmentChunk = 500;  // keeps host parameters within SQLite's limit
+constexpr std::size_t kGuidMax = 100;
+constexpr std::size_t kTextMax = 20000;
+constexpr std::size_t kServiceMax = 20;
+constexpr const char* kDefaultService = "iMessage";
+constexpr std::string_view kObjectReplacement = "\xEF\xBF\xBC";  // U+FFFC
+
+std::string placeholders(std::size_t count) {
+  std::string out;
+  out.reserve(count * 2);
+  for (std::size_t i = 0; i < count; ++i) out += i ? ",?" : "?";
+  return out;
+}
+
+bool isInt(const SQLValue& v) { return v.kind() == SQLValue::Kind::integer; }
+bool isNonZeroInt(const SQLValue& v) { return isInt(v) && *v.int64() != 0; }
+
+// Column positions of the message statement, resolved once per result.
+struct MessageColumns {
+  std::size_t rowid, guid, text, body, fromMe, service, sentMs, amt, assocGuid, threadGuid,
+      itemType, hasAttachments, chatId;
+
+  explicit MessageColumns(const SQLRow& row)
+      : rowid(at(row, "rowid")), guid(at(row, "guid")), text(at(row, "text")),
+        body(at(row, "attributedBody")), fromMe(at(row, "is_from_me")), service(at(row, "service")),
+        sentMs(at(row, "sent_ms")), amt(at(row, "amt")), assocGuid(at(row, "associated_message_guid")),
+        threadGuid(at(row, "thread_originator_guid")), itemType(at(row, "item_type")),
+        hasAttachments(at(row, "cache_has_attachments")), chatId(at(row, "chat_id")) {}
+
+  static std::size_t at(const SQLRow& row, std::string_view name) { return *row.indexOf(name); }
+};
+
+// A converted row; plain messages get their attachments once all rows are read.
+struct Pending {
+  ChatDB::ExtractedMessage extracted;
+  bool isReaction;
+};
+
+}  // namespace
+
+std::string appleDateToUnixMsSQL(const std::string& c) {
+  const std::string epoch = std::to_string(ChatDB::appleEpochMs);
+  return "(CASE WHEN " + c + " IS NULL OR " + c + " = 0 THEN NULL WHEN " + c +
+         " > 100000000000 THEN " + c + " / 1000000 + " + epoch + " ELSE " + c + " * 1000 + " +
+         epoch + " END)";
+}
+
+std::string ChatDB::cleanText(const std::optional<std::string>& s) {
+  if (!s || s->empty()) return "";
+  std::string_view text = *s;
+  std::string cleaned;
+  if (text.find('\0') != std::string_view::npos ||
+      text.find(kObjectReplacement) != std::string_view::npos) {
+    cleaned.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+      if (text[i] == '\0') {
+        ++i;
+      } else if (text.compare(i, kObjectReplacement.size(), kObjectReplacement) == 0) {
+        i += kObjectReplacement.size();
+      } else {
+        cleaned += text[i++];
+      }
+    }
+    text = cleaned;
+  }
+  return std::string(trimWhitespace(text));
+}
+
+std::string extractMessageText(const SQLValue& text, const SQLValue& attributedBody) {
+  std::optional<std::string> chosen = text.string();
+  if (!chosen || chosen->empty()) {
+    const auto bytes = attributedBody.data();
+    chosen = bytes ? TypedStream::decodeAttributedBody(*bytes) : std::nullopt;
+  }
+  return ChatDB::cleanText(chosen);
+}
+
+std::optional<std::string> ChatDB::stripAssociatedGuid(const std::optional<std::string>& s) {
+  if (!s || s->empty()) return std::nullopt;
+  std::string_view v = *s;
+  if (v.starts_with("bp:")) {
+    v.remove_prefix(3);
+  } else if (v.starts_with("p:")) {
+    const std::size_t slash = v.find('/', 2);
+    if (slash != std::string_view::npos) {
+      const std::string_view index = v.substr(2, slash - 2);
+      bool digits = true;
+      for (std::size_t i = 0; i < index.size() && digits;) {
+        digits = isDecimalDigit(decodeUTF8At(index, i));
+      }
+      if (digits) v.remove_prefix(slash + 1);
+    }
+  }
+  if (v.empty()) return prefixGraphemes(*s, kGuidMax);
+  return clipUTF16(v, kGuidMax);
+}
+
+std::optional<std::string> ChatDB::reactionWord(std::int64_t code) {
+  static constexpr std::array<const char*, 7> kWords = {
+      "loved", "liked", "disliked", "laughed", "emphasized", "questioned", "reacted"};
+  if (code < 2000 || code > 2006) return std::nullopt;
+  return kWords[static_cast<std::size_t>(code - 2000)];
+}
+
+std::optional<AttachmentKind> ChatDB::attachmentKind(const std::optional<std::string>& mime,
+                                                     const std::optional<std::string>& uti,
+                                                     const std::optional<std::string>& transferName,
+                                                     bool isSticker) {
+  if (lowercased(transferName.value_or("")).ends_with(".pluginpayloadattachment")) {
+    return std::nullopt;  // app payloads are not attachments a person sent
+  }
+  if (isSticker) return AttachmentKind::sticker;
+  const std::string m = lowercased(mime.value_or(""));
+  if (m.starts_with("image/")) return AttachmentKind::image;
+  if (m.starts_with("video/")) return AttachmentKind::video;
+  if (m.starts_with("audio/")) return AttachmentKind::audio;
+  const std::string u = lowercased(uti.value_or(""));
+  const auto containsAny = [&u](std::initializer_list<std::string_view> needles) {
+    return std::any_of(needles.begin(), needles.end(),
+                       [&u](std::string_view n) { return u.find(n) != std::string::npos; });
+  };
+  if (containsAny({"jpeg", "png", "heic", "heif", "gif", "tiff", "image"})) {
+    return AttachmentKind::image;
+  }
+  if (containsAny({"movie", "video", "mpeg-4", "quicktime"})) return AttachmentKind::video;
+  if (containsAny({"audio", "caf", "m4a", "amr"})) return AttachmentKind::audio;
+  return AttachmentKind::file;
+}
+
+std::string ChatDB::messageItem(const std::string& column, const std::string& alias) const {
+  if (messageCols_.contains(column)) return "m." + column + " AS " + alias;
+  return "NULL AS " + alias;
+}
+
+std::string ChatDB::messageSQL(const std::string& where) const {
+  return "SELECT m.ROWID AS rowid, m.guid AS guid, m.text AS text, " +
+         messageItem("attributedBody") + ",\n       m.is_from_me AS is_from_me, " +
+         messageItem("service") + ", " + appleDateToUnixMsSQL("m.date") + " AS sent_ms,\n       " +
+         messageItem("associated_message_type", "amt") + ", " +
+         messageItem("associated_message_guid") + ",\n       " +
+         messageItem("thread_originator_guid") + ", " + messageItem("item_type") + ",\n       " +
+         messageItem("cache_has_attachments") + ", " + messageItem("error") +
+         ", cmj.chat_id AS chat_id\nFROM message m\nJOIN chat_message_join cmj ON cmj.message_id = "
+         "m.ROWID\nWHERE " +
+         where + "\nORDER BY m.ROWID";
+}
+
+std::string ChatDB::attachmentSQL(std::size_t count) const {
+  const auto item = [this](const char* column, const char* absent) {
+    return attachmentCols_.contains(column) ? std::string("a.") + column : std::string(absent);
+  };
+  return "SELECT maj.message_id AS mid, a.mime_type AS mime_type, " + item("uti", "NULL") +
+         " AS uti, " + item("transfer_name", "NULL") + " AS transfer_name,\n       " +
+         item("is_sticker", "0") +
+         " AS is_sticker\nFROM message_attachment_join maj JOIN attachment a ON a.ROWID = "
+         "maj.attachment_id\nWHERE maj.message_id IN (" +
+         placeholders(count) + ")\nORDER BY maj.message_id, a.ROWID";
+}
+
+std::vector<ChatDB::ExtractedMessage> ChatDB::messagesAfter(const ChatMap& chats,
+                                                            std::int64_t cursor,
+                                                            std::int64_t upTo) {
+  if (chats.empty() || upTo <= cursor) return {};
+  std::vector<SQLValue> params;
+  for (const auto& [id, _] : chats) params.emplace_back(id);
+  params.emplace_back(cursor);
+  params.emplace_back(upTo);
+  return extract(chats,
+                 "cmj.chat_id IN (" + placeholders(chats.size()) +
+                     ") AND m.ROWID > ? AND m.ROWID <= ?",
+                 std::move(params));
+}
+
+std::vector<ChatDB::ExtractedMessage> ChatDB::messagesSince(const ChatMap& chats,
+                                                            std::int64_t sinceMs,
+                                                            std::int64_t upTo) {
+  if (chats.empty()) return {};
+  std::vector<SQLValue> params;
+  for (const auto& [id, _] : chats) params.emplace_back(id);
+  params.emplace_back(sinceMs);
+  params.emplace_back(upTo);
+  return extract(chats,
+                 "cmj.chat_id IN (" + placeholders(chats.size()) + ") AND " +
+                     appleDateToUnixMsSQL("m.date") + " >= ? AND m.ROWID <= ?",
+                 std::move(params));
+}
+
+std::vector<ChatDB::ExtractedMessage> ChatDB::extract(const ChatMap& chats,
+                                                      const std::string& where,
+                                                      std::vector<SQLValue> params) {
+  std::vector<Pending> pending;
+  std::vector<std::int64_t> withAttachments;
+  std::optional<MessageColumns> col;
+
+  db_->forEach(messageSQL(where), params, [&](const SQLRow& row) {
+    if (!col) col.emplace(row);
+    const SQLValue& rowid = row.at(col->rowid);
+    // Rows come in ROWID order, so a message joined to two chats is adjacent.
+    if (isInt(rowid) && !(isInt(row.at(col->hasAttachments)) &&
+                          *row.at(col->hasAttachments).int64() == 0) &&
+        (withAttachments.empty() || withAttachments.back() != *rowid.int64())) {
+      withAttachments.push_back(*rowid.int64());
+    }
+
+    const SQLValue& chatId = row.at(col->chatId);
+    const SQLValue& sentMs = row.at(col->sentMs);
+    if (!isInt(rowid) || !isInt(chatId) || !isInt(sentMs)) return;
+    const auto chat = chats.find(*chatId.int64());
+    if (chat == chats.end()) return;
+    auto guid = row.at(col->guid).string();
+    if (!guid || guid->empty()) return;
+    if (isNonZeroInt(row.at(col->itemType))) return;
+
+    std::string text = extractMessageText(row.at(col->text), row.at(col->body));
+    std::optional<std::string> reaction;
+    std::optional<std::string> replyTarget;
+    const SQLValue& amt = row.at(col->amt);
+    const bool isReaction = isNonZeroInt(amt);
+    if (isReaction) {
+      reaction = reactionWord(*amt.int64());
+      if (!reaction) return;
+      if (text.empty()) {
+        text = *reaction + " a message";
+        text[0] = static_cast<char>(text[0] - 'a' + 'A');
+      }
+      replyTarget = row.at(col->assocGuid).string();
+    } else {
+      replyTarget = row.at(col->threadGuid).string();
+    }
+
+    SyncedMessage m;
+    m.guid = clipUTF16(*guid, kGuidMax);
+    m.handle = chat->second;
+    m.text = clipUTF16(text, kTextMax);
+    m.isFromMe = isInt(row.at(col->fromMe)) && *row.at(col->fromMe).int64() == 1;
+    m.sentAt = isoString(*sentMs.int64());
+    m.service = clipUTF16(row.at(col->service).string().value_or(kDefaultService), kServiceMax);
+    m.reaction = std::move(reaction);
+    m.replyToGuid = stripAssociatedGuid(replyTarget);
+    pending.push_back({{*rowid.int64(), *sentMs.int64(), std::move(m)}, isReaction});
+  });
+
+  const auto attachments = attachmentsFor(withAttachments);
+  std::vector<ExtractedMessage> out;
+  out.reserve(pending.size());
+  for (auto& p : pending) {
+    auto& m = p.extracted.message;
+    if (!p.isReaction) {
+      if (const auto it = attachments.find(p.extracted.rowid); it != attachments.end()) {
+        m.attachments = it->second;
+      }
+      if (m.text.empty() && m.attachments.empty()) continue;
+    }
+    out.push_back(std::move(p.extracted));
+  }
+  return out;
+}
+
+std::map<std::int64_t, std::vector<AttachmentKind>> ChatDB::attachmentsFor(
+    const std::vector<std::int64_t>& rowids) {
+  std::map<std::int64_t, std::vector<AttachmentKind>> kinds;
+  // Older or stripped databases without an attachment table have nothing to join.
+  if (rowids.empty() || attachmentCols_.empty()) return kinds;
+  for (std::size_t start = 0; start < rowids.size(); start += kAttachmentChunk) {
+    const std::size_t n = std::min(kAttachmentChunk, rowids.size() - start);
+    std::vector<SQLValue> params(rowids.begin() + static_cast<std::ptrdiff_t>(start),
+                                 rowids.begin() + static_cast<std::ptrdiff_t>(start + n));
+    db_->forEach(attachmentSQL(n), params, [&](const SQLRow& row) {
+      const SQLValue& mid = row["mid"];
+      if (!isInt(mid)) return;
+      const auto kind = attachmentKind(row["mime_type"].string(), row["uti"].string(),
+                                       row["transfer_name"].string(),
+                                       isNonZeroInt(row["is_sticker"]));
+      if (kind) kinds[*mid.int64()].push_back(*kind);
+    });
+  }
+  return kinds;
+}
+
+}  // namespace corvane

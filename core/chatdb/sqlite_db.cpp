@@ -1,0 +1,194 @@
+#include "core/chatdb/sqlite_db.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "core/text/unicode.h"
+
+namespace corvane {
+namespace {
+
+constexpr int kBusyTimeoutMs = 5000;
+
+struct StatementCloser {
+  void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, StatementCloser>;
+
+[[noreturn]] void fail(sqlite3* db, int rc) {
+  throw SQLiteError(rc, db ? sqlite3_errmsg(db) : "closed");
+}
+
+void bind(sqlite3* db, sqlite3_stmt* stmt, int pos, const SQLValue& v) {
+  int rc = SQLITE_OK;
+  switch (v.kind()) {
+    case SQLValue::Kind::integer:
+      rc = sqlite3_bind_int64(stmt, pos, *v.int64());
+      break;
+    case SQLValue::Kind::real:
+      rc = sqlite3_bind_double(stmt, pos, *v.realIf());
+      break;
+    case SQLValue::Kind::text:
+      rc = sqlite3_bind_text(stmt, pos, v.textIf()->c_str(), -1, SQLITE_TRANSIENT);
+      break;
+    case SQLValue::Kind::blob: {
+      const auto bytes = *v.data();
+      rc = sqlite3_bind_blob64(stmt, pos, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
+      break;
+    }
+    case SQLValue::Kind::null:
+      rc = sqlite3_bind_null(stmt, pos);
+      break;
+  }
+  if (rc != SQLITE_OK) fail(db, rc);
+}
+
+// Reads column `i` into `out`, reusing its storage where the kind matches.
+void readColumn(sqlite3_stmt* stmt, int i, SQLValue& out) {
+  switch (sqlite3_column_type(stmt, i)) {
+    case SQLITE_INTEGER:
+      out = SQLValue(static_cast<std::int64_t>(sqlite3_column_int64(stmt, i)));
+      return;
+    case SQLITE_FLOAT:
+      out = SQLValue(sqlite3_column_double(stmt, i));
+      return;
+    case SQLITE_TEXT: {
+      const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
+      if (p == nullptr) {
+        out = SQLValue();
+        return;
+      }
+      const std::string_view text(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt, i)));
+      // Another program writes this database: repair broken UTF-8 here so that
+      // every string above this layer is well-formed.
+      out = isValidUTF8(text) ? SQLValue(text) : SQLValue(repairUTF8(text));
+      return;
+    }
+    case SQLITE_BLOB: {
+      const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, i));
+      const int n = sqlite3_column_bytes(stmt, i);
+      out = SQLValue(p && n > 0 ? Bytes(p, p + n) : Bytes());
+      return;
+    }
+    default:
+      out = SQLValue();
+  }
+}
+
+}  // namespace
+
+SQLiteError::SQLiteError(int code, std::string message)
+    : code_(code),
+      message_(std::move(message)),
+      description_("SQLite error " + std::to_string(code_) + ": " + message_) {}
+
+bool SQLiteError::isPermission() const {
+  const int primary = code_ & 0xFF;
+  if (primary == SQLITE_PERM || primary == SQLITE_AUTH || primary == SQLITE_CANTOPEN) return true;
+  const std::string lower = lowercased(message_);
+  for (const char* phrase :
+       {"authorization denied", "unable to open database", "operation not permitted"}) {
+    if (lower.find(phrase) != std::string::npos) return true;
+  }
+  return false;
+}
+
+SQLiteDB::SQLiteDB(std::string path, bool readOnly, bool create) : path_(std::move(path)) {
+  int flags = SQLITE_OPEN_NOMUTEX;
+  if (readOnly) {
+    flags |= SQLITE_OPEN_READONLY;
+  } else {
+    flags |= SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0);
+  }
+  sqlite3* db = nullptr;
+  const int rc = sqlite3_open_v2(path_.c_str(), &db, flags, nullptr);
+  if (rc != SQLITE_OK) {
+    if (db == nullptr) throw SQLiteError(rc, "open failed");
+    const int extended = sqlite3_extended_errcode(db);
+    SQLiteError error(extended != 0 ? extended : rc, sqlite3_errmsg(db));
+    sqlite3_close_v2(db);
+    throw error;
+  }
+  db_ = db;
+  sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+}
+
+SQLiteDB::~SQLiteDB() { close(); }
+
+void SQLiteDB::close() {
+  if (db_ != nullptr) {
+    sqlite3_close_v2(db_);
+    db_ = nullptr;
+  }
+}
+
+void SQLiteDB::exec(const std::string& sql) {
+  if (db_ == nullptr) throw SQLiteError(SQLITE_MISUSE, "closed");
+  char* error = nullptr;
+  const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error);
+  if (rc != SQLITE_OK) {
+    std::string message = error ? error : "exec failed";
+    sqlite3_free(error);
+    throw SQLiteError(rc, std::move(message));
+  }
+}
+
+void SQLiteDB::forEach(const std::string& sql, const std::vector<SQLValue>& params,
+                       const std::function<void(const SQLRow&)>& onRow) {
+  if (db_ == nullptr) throw SQLiteError(SQLITE_MISUSE, "closed");
+  if (observer_) observer_(sql);
+  sqlite3_stmt* raw = nullptr;
+  const int rc = sqlite3_prepare_v2(db_, sql.c_str(), -1, &raw, nullptr);
+  Statement stmt(raw);
+  if (rc != SQLITE_OK) fail(db_, rc);
+  if (!stmt) fail(db_, SQLITE_MISUSE);  // empty or comment-only SQL
+
+  for (std::size_t i = 0; i < params.size(); ++i) {
+    bind(db_, stmt.get(), static_cast<int>(i + 1), params[i]);
+  }
+
+  const int count = sqlite3_column_count(stmt.get());
+  auto names = std::make_shared<std::vector<std::string>>();
+  names->reserve(static_cast<std::size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    const char* name = sqlite3_column_name(stmt.get(), i);
+    names->emplace_back(name ? name : "");
+  }
+  SQLRow row(std::move(names), std::vector<SQLValue>(static_cast<std::size_t>(count)));
+
+  for (;;) {
+    const int step = sqlite3_step(stmt.get());
+    if (step == SQLITE_DONE) return;
+    if (step != SQLITE_ROW) fail(db_, step);
+    auto& values = row.mutableValues();
+    for (int i = 0; i < count; ++i) readColumn(stmt.get(), i, values[static_cast<std::size_t>(i)]);
+    onRow(row);
+  }
+}
+
+std::vector<SQLRow> SQLiteDB::query(const std::string& sql, const std::vector<SQLValue>& params) {
+  std::vector<SQLRow> rows;
+  forEach(sql, params, [&](const SQLRow& row) { rows.push_back(row); });
+  return rows;
+}
+
+std::int64_t SQLiteDB::run(const std::string& sql, const std::vector<SQLValue>& params) {
+  query(sql, params);
+  return sqlite3_last_insert_rowid(db_);
+}
+
+std::set<std::string> SQLiteDB::columns(const std::string& table) {
+  std::set<std::string> names;
+  try {
+    forEach("PRAGMA table_info(" + table + ")", {}, [&](const SQLRow& row) {
+      if (auto name = row["name"].string()) names.insert(std::move(*name));
+    });
+  } catch (const SQLiteError&) {
+    return {};
+  }
+  return names;
+}
+
+}  // namespace corvane

@@ -1,0 +1,434 @@
+#include <gtest/gtest.h>
+
+#include "core/chatdb/chat_db.h"
+#include "core/chatdb/typed_stream.h"
+#include "core/protocol/iso_time.h"
+#include "core/text/unicode.h"
+#include "tests/support/chat_db_builder.h"
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+using testing::AttachmentSpec;
+using testing::ChatDbBuilder;
+using testing::ChatDbSchema;
+using testing::DateUnit;
+using testing::MessageSpec;
+using testing::TempDir;
+using testing::TextStorage;
+
+const std::string kAlex = "+14155550100";
+const std::string kDate =
+    "(CASE WHEN m.date IS NULL OR m.date = 0 THEN NULL WHEN m.date > 100000000000 THEN m.date / "
+    "1000000 + 978307200000 ELSE m.date * 1000 + 978307200000 END)";
+
+// A database with one one-to-one chat, read back through ChatDB, recording
+// every statement ChatDB prepares.
+class ExtractionTest : public ::testing::Test {
+ protected:
+  explicit ExtractionTest(ChatDbSchema schema = ChatDbSchema::full(),
+                          DateUnit unit = DateUnit::nanoseconds)
+      : builder(dir.file("chat.db"), std::move(schema), unit), chat(builder.oneToOne(kAlex)) {}
+
+  std::vector<ChatDB::ExtractedMessage> after(std::int64_t cursor = 0) {
+    ChatDB& db = open();
+    return db.messagesAfter({{chat, kAlex}}, cursor, db.maxRowId());
+  }
+
+  // The one message extracted from the database; fails when there isn't exactly one.
+  SyncedMessage only() {
+    const auto all = after();
+    EXPECT_EQ(all.size(), 1u);
+    return all.empty() ? SyncedMessage{} : all.front().message;
+  }
+
+  ChatDB& open() {
+    db = std::make_unique<ChatDB>(builder.path(), "US");
+    statements.clear();
+    db->setStatementObserver([this](const std::string& sql) { statements.push_back(sql); });
+    return *db;
+  }
+
+  TempDir dir;
+  ChatDbBuilder builder;
+  std::int64_t chat;
+  std::unique_ptr<ChatDB> db;
+  std::vector<std::string> statements;
+};
+
+TEST_F(ExtractionTest, MessageStatementForAFullSchema) {
+  const auto other = builder.oneToOne("+14155550199");
+  ChatDB& db = open();
+  db.messagesAfter({{other, "b"}, {chat, "a"}}, 0, 10);
+  db.messagesSince({{chat, "a"}}, 1700000000000, 10);
+  ASSERT_EQ(statements.size(), 2u);
+  const std::string select =
+      "SELECT m.ROWID AS rowid, m.guid AS guid, m.text AS text, m.attributedBody AS "
+      "attributedBody,\n       m.is_from_me AS is_from_me, m.service AS service, " + kDate +
+      " AS sent_ms,\n       m.associated_message_type AS amt, m.associated_message_guid AS "
+      "associated_message_guid,\n       m.thread_originator_guid AS thread_originator_guid, "
+      "m.item_type AS item_type,\n       m.cache_has_attachments AS cache_has_attachments, m.error "
+      "AS error, cmj.chat_id AS chat_id\nFROM message m\nJOIN chat_message_join cmj ON "
+      "cmj.message_id = m.ROWID\nWHERE ";
+  EXPECT_EQ(statements[0], select +
+                               "cmj.chat_id IN (?,?) AND m.ROWID > ? AND m.ROWID <= ?\nORDER BY "
+                               "m.ROWID");
+  EXPECT_EQ(statements[1], select + "cmj.chat_id IN (?) AND " + kDate +
+                               " >= ? AND m.ROWID <= ?\nORDER BY m.ROWID");
+  EXPECT_EQ(db.attachmentSQL(3),
+            "SELECT maj.message_id AS mid, a.mime_type AS mime_type, a.uti AS uti, "
+            "a.transfer_name AS transfer_name,\n       a.is_sticker AS is_sticker\nFROM "
+            "message_attachment_join maj JOIN attachment a ON a.ROWID = maj.attachment_id\nWHERE "
+            "maj.message_id IN (?,?,?)\nORDER BY maj.message_id, a.ROWID");
+}
+
+class MinimalSchemaTest : public ExtractionTest {
+ protected:
+  MinimalSchemaTest() : ExtractionTest(ChatDbSchema::minimal()) {}
+};
+
+TEST_F(MinimalSchemaTest, MessageStatementPutsNullForMissingColumns) {
+  ChatDB& db = open();
+  db.messagesAfter({{chat, "a"}}, 5, 10);
+  ASSERT_EQ(statements.size(), 1u);
+  EXPECT_EQ(statements[0],
+            "SELECT m.ROWID AS rowid, m.guid AS guid, m.text AS text, NULL AS attributedBody,\n"
+            "       m.is_from_me AS is_from_me, NULL AS service, " + kDate +
+                " AS sent_ms,\n       NULL AS amt, NULL AS associated_message_guid,\n       NULL "
+                "AS thread_originator_guid, NULL AS item_type,\n       NULL AS "
+                "cache_has_attachments, NULL AS error, cmj.chat_id AS chat_id\nFROM message "
+                "m\nJOIN chat_message_join cmj ON cmj.message_id = m.ROWID\nWHERE cmj.chat_id IN "
+                "(?) AND m.ROWID > ? AND m.ROWID <= ?\nORDER BY m.ROWID");
+  EXPECT_EQ(db.attachmentSQL(1),
+            "SELECT maj.message_id AS mid, a.mime_type AS mime_type, NULL AS uti, NULL AS "
+            "transfer_name,\n       0 AS is_sticker\nFROM message_attachment_join maj JOIN "
+            "attachment a ON a.ROWID = maj.attachment_id\nWHERE maj.message_id IN (?)\nORDER BY "
+            "maj.message_id, a.ROWID");
+}
+
+TEST_F(MinimalSchemaTest, MessagesStillReadWithDefaults) {
+  const auto m = builder.message(chat, MessageSpec{.text = "hello", .threadGuid = "T"});
+  const auto photo = builder.message(chat, MessageSpec{.text = "\uFFFC"});
+  builder.attachment(photo, {.mime = "image/jpeg"});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].rowid, m);
+  EXPECT_EQ(all[0].message.service, "iMessage");
+  EXPECT_EQ(all[0].message.replyToGuid, std::nullopt);
+  EXPECT_EQ(all[1].message.attachments, std::vector{AttachmentKind::image});
+}
+
+TEST_F(ExtractionTest, PlainMessageFields) {
+  const auto rowid = builder.message(
+      chat, MessageSpec{.text = "  hi there\n", .fromMe = true, .dateMs = 1700000000123,
+                        .service = "SMS", .threadGuid = "p:0/THREAD", .guid = "GUID-1"});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].rowid, rowid);
+  EXPECT_EQ(all[0].sentAtMs, 1700000000123);
+  EXPECT_EQ(all[0].message, (SyncedMessage{.guid = "GUID-1",
+                                           .handle = kAlex,
+                                           .text = "hi there",
+                                           .isFromMe = true,
+                                           .sentAt = "2023-11-14T22:13:20.123Z",
+                                           .service = "SMS",
+                                           .attachments = {},
+                                           .reaction = std::nullopt,
+                                           .replyToGuid = "THREAD"}));
+}
+
+TEST_F(ExtractionTest, TapBacks) {
+  struct Case {
+    std::int64_t code;
+    std::string text;
+    std::optional<std::string> reaction;  // none: the row is dropped
+    std::string expectedText;
+  };
+  const Case cases[] = {
+      {2000, "", "loved", "Loved a message"},
+      {2001, "", "liked", "Liked a message"},
+      {2002, "", "disliked", "Disliked a message"},
+      {2003, "", "laughed", "Laughed a message"},
+      {2004, "", "emphasized", "Emphasized a message"},
+      {2005, "", "questioned", "Questioned a message"},
+      {2006, "Reacted \U0001F389 to \u201Chi\u201D", "reacted", "Reacted \U0001F389 to \u201Chi\u201D"},
+      {3001, "", std::nullopt, ""},
+      {1000, "sticker", std::nullopt, ""},
+      {-1, "x", std::nullopt, ""},
+  };
+  for (const auto& c : cases) {
+    TempDir d;
+    ChatDbBuilder b(d.file("chat.db"));
+    const auto ch = b.oneToOne(kAlex);
+    const auto target = b.message(ch, "original");
+    const auto tapback = b.message(ch, MessageSpec{.text = c.text, .amt = c.code,
+                                                   .associatedGuid = "p:0/" + b.guidOf(target),
+                                                   .threadGuid = "IGNORED"});
+    b.attachment(tapback, {.mime = "image/png"});
+    ChatDB db(b.path(), std::nullopt);
+    const auto all = db.messagesAfter({{ch, kAlex}}, target, db.maxRowId());
+    if (!c.reaction) {
+      EXPECT_TRUE(all.empty()) << c.code;
+      continue;
+    }
+    ASSERT_EQ(all.size(), 1u) << c.code;
+    const auto& m = all[0].message;
+    EXPECT_EQ(m.text, c.expectedText);
+    EXPECT_EQ(m.reaction, c.reaction);
+    EXPECT_TRUE(m.attachments.empty()) << "reactions carry no attachments";
+    EXPECT_EQ(m.replyToGuid, b.guidOf(target));
+  }
+}
+
+TEST(StripAssociatedGuidTest, PartIndexPrefixes) {
+  const std::string long120(120, 'g');
+  struct Case {
+    std::optional<std::string> input;
+    std::optional<std::string> expected;
+  };
+  const Case cases[] = {
+      {"p:12/ABC", "ABC"},
+      {"p:0/ABC-DEF", "ABC-DEF"},
+      {"p:x/ABC", "p:x/ABC"},
+      {"p:1x/ABC", "p:1x/ABC"},
+      {"p:ABC", "p:ABC"},
+      {"bp:ABC", "ABC"},
+      {"p:3/", "p:3/"},
+      {"bp:", "bp:"},
+      {"ABC", "ABC"},
+      {"", std::nullopt},
+      {std::nullopt, std::nullopt},
+      {"p:1/" + long120, std::string(100, 'g')},
+      {"p:/" + long120, std::string(100, 'g')},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ChatDB::stripAssociatedGuid(c.input), c.expected) << c.input.value_or("<none>");
+  }
+}
+
+TEST(CleanTextTest, RemovesObjectReplacementAndNulAndTrims) {
+  struct Case {
+    std::optional<std::string> input;
+    std::string expected;
+  };
+  const Case cases[] = {
+      {std::nullopt, ""},
+      {"", ""},
+      {"\uFFFC", ""},
+      {" \uFFFC hello \uFFFC\n", "hello"},
+      {std::string("a\0b", 3), "ab"},
+      {"\u00a0 spaced \u2029", "spaced"},
+      {"keep \uFFFD", "keep \uFFFD"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(ChatDB::cleanText(c.input), c.expected);
+}
+
+TEST(AttachmentKindTest, FirstMatchingRuleWins) {
+  using K = AttachmentKind;
+  struct Case {
+    std::optional<std::string> mime, uti, transfer;
+    bool sticker;
+    std::optional<K> expected;
+  };
+  const Case cases[] = {
+      {"image/png", "public.png", "x.pluginPayloadAttachment", true, std::nullopt},
+      {"image/png", std::nullopt, "photo.png", true, K::sticker},
+      {"IMAGE/HEIC", std::nullopt, std::nullopt, false, K::image},
+      {"video/mp4", "public.jpeg", std::nullopt, false, K::video},
+      {"audio/x-m4a", std::nullopt, std::nullopt, false, K::audio},
+      {std::nullopt, "public.jpeg", std::nullopt, false, K::image},
+      {"application/octet-stream", "public.heif", std::nullopt, false, K::image},
+      {std::nullopt, "com.apple.quicktime-movie", std::nullopt, false, K::video},
+      {std::nullopt, "public.mpeg-4", std::nullopt, false, K::video},
+      {std::nullopt, "com.apple.coreaudio-format", std::nullopt, false, K::audio},
+      {std::nullopt, "org.3gpp.adaptive-multi-rate-audio", std::nullopt, false, K::audio},
+      {std::nullopt, "public.amr", std::nullopt, false, K::audio},
+      {"text/vcard", "public.vcard", "card.vcf", false, K::file},
+      {std::nullopt, std::nullopt, std::nullopt, false, K::file},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ChatDB::attachmentKind(c.mime, c.uti, c.transfer, c.sticker), c.expected)
+        << c.mime.value_or("-") << " " << c.uti.value_or("-");
+  }
+}
+
+TEST_F(ExtractionTest, PhotoOnlyMessageIsKeptEmptyMessageIsDropped) {
+  const auto photo = builder.message(chat, MessageSpec{.text = "\uFFFC"});
+  builder.attachment(photo, {.mime = "image/jpeg", .uti = "public.jpeg", .transferName = "a.jpg"});
+  builder.attachment(photo, {.mime = "video/quicktime"});
+  builder.message(chat, MessageSpec{.text = " \uFFFC "});
+  builder.message(chat, MessageSpec{});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].rowid, photo);
+  EXPECT_EQ(all[0].message.text, "");
+  EXPECT_EQ(all[0].message.attachments, (std::vector{AttachmentKind::image, AttachmentKind::video}));
+}
+
+TEST_F(ExtractionTest, PluginPayloadsAreNotReported) {
+  const auto link = builder.message(chat, MessageSpec{.text = "https://example.test"});
+  builder.attachment(link, {.mime = "", .transferName = "ABC.pluginPayloadAttachment"});
+  const auto bare = builder.message(chat, MessageSpec{.text = "\uFFFC"});
+  builder.attachment(bare, {.transferName = "X.pluginpayloadattachment"});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].rowid, link);
+  EXPECT_TRUE(all[0].message.attachments.empty());
+}
+
+TEST_F(ExtractionTest, AttachmentFlagDecidesWhetherAttachmentsAreLoaded) {
+  const auto flaggedOff = builder.message(chat, MessageSpec{.text = "a", .cacheHasAttachments = SQLValue(0)});
+  builder.attachment(flaggedOff, {.mime = "image/png"});
+  const auto flagNull = builder.message(chat, MessageSpec{.text = "b", .cacheHasAttachments = SQLValue()});
+  builder.attachment(flagNull, {.mime = "audio/amr"});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_TRUE(all[0].message.attachments.empty());
+  EXPECT_EQ(all[1].message.attachments, std::vector{AttachmentKind::audio});
+}
+
+TEST_F(ExtractionTest, AttachmentsAreLoadedInChunksOf500) {
+  builder.transaction([&] {
+    for (int i = 0; i < 1200; ++i) {
+      const auto m = builder.message(chat, MessageSpec{.text = "\uFFFC"});
+      builder.attachment(m, {.mime = i % 2 ? "image/gif" : "audio/mpeg"});
+    }
+  });
+  const auto all = after();
+  ASSERT_EQ(all.size(), 1200u);
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    ASSERT_EQ(all[i].message.attachments,
+              std::vector{i % 2 ? AttachmentKind::image : AttachmentKind::audio}) << i;
+  }
+  ASSERT_EQ(statements.size(), 5u);  // maxRowId, messages, three attachment chunks
+  EXPECT_EQ(statements[2], db->attachmentSQL(500));
+  EXPECT_EQ(statements[3], db->attachmentSQL(500));
+  EXPECT_EQ(statements[4], db->attachmentSQL(200));
+}
+
+TEST_F(ExtractionTest, DatesInSecondsAndNanosecondsAndMissingDates) {
+  const auto secs = builder.message(chat, MessageSpec{.text = "s", .rawDate = 700000000});
+  const auto nanos = builder.message(chat, MessageSpec{.text = "n", .rawDate = 700000000000000000});
+  builder.message(chat, MessageSpec{.text = "zero", .rawDate = 0});
+  builder.message(chat, MessageSpec{.text = "null", .nullDate = true});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].rowid, secs);
+  EXPECT_EQ(all[1].rowid, nanos);
+  EXPECT_EQ(all[0].sentAtMs, 1678307200000);
+  EXPECT_EQ(all[1].sentAtMs, 1678307200000);
+  EXPECT_EQ(all[0].message.sentAt, isoString(1678307200000));
+}
+
+TEST_F(ExtractionTest, LongFieldsAreClippedWithoutSplittingCharacters) {
+  std::string text;
+  while (utf16Length(text) < 25000) text += "\U0001F469\u200D\U0001F4BB ";
+  const std::string guid(150, 'G');
+  builder.message(chat, MessageSpec{.text = text, .service = "AVeryLongServiceName-Extended",
+                                    .guid = guid});
+  const auto m = only();
+  EXPECT_LE(utf16Length(m.text), 20000u);
+  EXPECT_GE(utf16Length(m.text), 20000u - 6);
+  EXPECT_EQ(text.compare(0, m.text.size(), m.text), 0);
+  EXPECT_TRUE(isValidUTF8(m.text));
+  EXPECT_EQ(m.guid, std::string(100, 'G'));
+  EXPECT_EQ(m.service, "AVeryLongServiceName");
+}
+
+TEST_F(ExtractionTest, TextOnlyInAttributedBody) {
+  builder.message(chat, MessageSpec{.text = "  from the archive \uFFFC", .storage = TextStorage::attributedBody});
+  EXPECT_EQ(only().text, "from the archive");
+}
+
+TEST_F(ExtractionTest, TextColumnWinsAndIsNotRetriedWhenItCleansToEmpty) {
+  builder.message(chat, MessageSpec{.text = "column", .attributedBody = TypedStream::encodeAttributedBody("body")});
+  const auto photo = builder.message(chat, MessageSpec{.text = "\uFFFC", .attributedBody = TypedStream::encodeAttributedBody("body")});
+  builder.attachment(photo, {.mime = "image/png"});
+  builder.message(chat, MessageSpec{.text = "", .attributedBody = TypedStream::encodeAttributedBody("from body")});
+  builder.message(chat, MessageSpec{.attributedBody = Bytes{'j', 'u', 'n', 'k'}});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 3u);
+  EXPECT_EQ(all[0].message.text, "column");
+  EXPECT_EQ(all[1].message.text, "");
+  EXPECT_EQ(all[2].message.text, "from body");
+}
+
+TEST_F(ExtractionTest, MalformedRowsAreSkipped) {
+  builder.message(chat, MessageSpec{.text = "event", .itemType = 1});
+  builder.message(chat, MessageSpec{.text = "empty guid", .guid = ""});
+  const auto good = builder.message(chat, MessageSpec{.text = "good", .itemType = 0});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].rowid, good);
+}
+
+TEST_F(ExtractionTest, OnlyMappedChatsAndOnlyTheCursorWindow) {
+  const auto stranger = builder.oneToOne("+14155550199");
+  const auto m1 = builder.message(chat, "one");
+  builder.message(stranger, "not on the roster");
+  const auto m3 = builder.message(chat, "three");
+  const auto m4 = builder.message(chat, "four");
+
+  ChatDB& db = open();
+  const ChatDB::ChatMap chats = {{chat, kAlex}};
+  const auto window = db.messagesAfter(chats, m1, m3);
+  ASSERT_EQ(window.size(), 1u);
+  EXPECT_EQ(window[0].rowid, m3);
+  EXPECT_EQ(db.messagesAfter(chats, 0, m4).size(), 3u);
+
+  statements.clear();
+  EXPECT_TRUE(db.messagesAfter(chats, m4, m4).empty());
+  EXPECT_TRUE(db.messagesAfter(chats, m4, m1).empty());
+  EXPECT_TRUE(db.messagesAfter({}, 0, m4).empty());
+  EXPECT_TRUE(db.messagesSince({}, 0, m4).empty());
+  EXPECT_TRUE(statements.empty()) << "nothing to read must not touch the database";
+}
+
+TEST_F(ExtractionTest, MessagesSinceFiltersOnTheConvertedDate) {
+  builder.message(chat, MessageSpec{.text = "old", .dateMs = 1600000000000});
+  const auto edge = builder.message(chat, MessageSpec{.text = "edge", .dateMs = 1700000000000});
+  const auto late = builder.message(chat, MessageSpec{.text = "late", .dateMs = 1700000000001});
+  const auto beyond = builder.message(chat, MessageSpec{.text = "beyond", .dateMs = 1800000000000});
+  ChatDB& db = open();
+  const auto all = db.messagesSince({{chat, kAlex}}, 1700000000000, late);
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].rowid, edge);
+  EXPECT_EQ(all[1].rowid, late);
+  EXPECT_NE(all[1].rowid, beyond);
+}
+
+TEST_F(ExtractionTest, MessageInTwoMappedChatsIsReportedForEach) {
+  const auto sms = builder.oneToOne(kAlex, "SMS");
+  const auto m = builder.message(chat, MessageSpec{.text = "\uFFFC"});
+  builder.join(sms, m);
+  builder.attachment(m, {.mime = "image/png"});
+  ChatDB& db = open();
+  const auto all = db.messagesAfter({{chat, "a"}, {sms, "b"}}, 0, m);
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].message.attachments, std::vector{AttachmentKind::image});
+  EXPECT_EQ(all[1].message.attachments, std::vector{AttachmentKind::image});
+  EXPECT_EQ(statements.back(), db.attachmentSQL(1)) << "each message's attachments are read once";
+}
+
+class NoAttachmentTableTest : public ExtractionTest {
+ protected:
+  static ChatDbSchema schema() {
+    ChatDbSchema s = ChatDbSchema::minimal();
+    s.attachmentTable = false;
+    return s;
+  }
+  NoAttachmentTableTest() : ExtractionTest(schema(), DateUnit::seconds) {}
+};
+
+TEST_F(NoAttachmentTableTest, ReadsMessagesWithoutAttachmentsAndSecondsDates) {
+  builder.message(chat, MessageSpec{.text = "hi", .dateMs = 1700000000000});
+  builder.message(chat, MessageSpec{.text = "\uFFFC"});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0].sentAtMs, 1700000000000);
+  EXPECT_EQ(statements.size(), 2u);  // maxRowId and the message statement
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,229 @@
+#include "core/chatdb/sqlite_db.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+using testing::TempDir;
+
+TEST(SQLValueTest, ConversionAccessors) {
+  struct Case {
+    SQLValue value;
+    std::optional<std::int64_t> asInt;
+    std::optional<std::string> asString;
+    std::optional<std::string> asData;  // bytes as a string for comparison
+    bool null;
+  };
+  const Case cases[] = {
+      {SQLValue(42), 42, "42", std::nullopt, false},
+      {SQLValue(std::int64_t{-9}), -9, "-9", std::nullopt, false},
+      {SQLValue(3.0), std::nullopt, "3.0", std::nullopt, false},
+      {SQLValue(0.1), std::nullopt, "0.1", std::nullopt, false},
+      {SQLValue(-2.5), std::nullopt, "-2.5", std::nullopt, false},
+      {SQLValue(1e20), std::nullopt, "1e+20", std::nullopt, false},
+      {SQLValue("+12"), 12, "+12", "+12", false},
+      {SQLValue("-7"), -7, "-7", "-7", false},
+      {SQLValue(""), std::nullopt, "", "", false},
+      {SQLValue("+"), std::nullopt, "+", "+", false},
+      {SQLValue("12a"), std::nullopt, "12a", "12a", false},
+      {SQLValue(" 12"), std::nullopt, " 12", " 12", false},
+      {SQLValue("9223372036854775807"), std::numeric_limits<std::int64_t>::max(),
+       "9223372036854775807", "9223372036854775807", false},
+      {SQLValue("9223372036854775808"), std::nullopt, "9223372036854775808",
+       "9223372036854775808", false},
+      {SQLValue("-9223372036854775808"), std::numeric_limits<std::int64_t>::min(),
+       "-9223372036854775808", "-9223372036854775808", false},
+      {SQLValue("-9223372036854775809"), std::nullopt, "-9223372036854775809",
+       "-9223372036854775809", false},
+      {SQLValue(Bytes{'h', 'i'}), std::nullopt, "hi", "hi", false},
+      {SQLValue(Bytes{0xff, 0x00}), std::nullopt, std::nullopt, std::string("\xff\0", 2), false},
+      {SQLValue(Bytes{}), std::nullopt, "", "", false},
+      {SQLValue(), std::nullopt, std::nullopt, std::nullopt, true},
+  };
+  for (const auto& c : cases) {
+    const auto label = c.asString.value_or("<none>");
+    EXPECT_EQ(c.value.int64(), c.asInt) << label;
+    EXPECT_EQ(c.value.string(), c.asString) << label;
+    const auto data = c.value.data();
+    ASSERT_EQ(data.has_value(), c.asData.has_value()) << label;
+    if (data) {
+      EXPECT_EQ(std::string(data->begin(), data->end()), *c.asData) << label;
+    }
+    EXPECT_EQ(c.value.isNull(), c.null) << label;
+  }
+}
+
+TEST(SQLValueTest, EqualityDistinguishesKinds) {
+  EXPECT_EQ(SQLValue(1), SQLValue(std::int64_t{1}));
+  EXPECT_NE(SQLValue(1), SQLValue(1.0));
+  EXPECT_NE(SQLValue("1"), SQLValue(1));
+  EXPECT_NE(SQLValue(""), SQLValue(Bytes{}));
+  EXPECT_EQ(SQLValue(nullptr), SQLValue());
+}
+
+TEST(SQLiteErrorTest, DescriptionAndPermissionRules) {
+  struct Case {
+    int code;
+    const char* message;
+    bool permission;
+  };
+  const Case cases[] = {
+      {3, "access permission denied", true},
+      {23, "authorization denied", true},
+      {14, "unable to open database file", true},
+      {1038, "disk I/O error", true},  // extended CANTOPEN
+      {1, "Authorization denied", true},
+      {1, "Operation not permitted", true},
+      {10, "Unable to open database at /x", true},
+      {2067, "UNIQUE constraint failed: t.a", false},
+      {26, "file is not a database", false},
+      {5, "database is locked", false},
+  };
+  for (const auto& c : cases) {
+    const SQLiteError e(c.code, c.message);
+    EXPECT_EQ(e.isPermission(), c.permission) << c.code << " " << c.message;
+    EXPECT_EQ(std::string(e.what()), "SQLite error " + std::to_string(c.code) + ": " + c.message);
+  }
+}
+
+class SQLiteDBTest : public ::testing::Test {
+ protected:
+  TempDir dir;
+  std::string path = dir.file("t.db");
+};
+
+TEST_F(SQLiteDBTest, RoundTripsEveryStorageClassThroughBoundParameters) {
+  SQLiteDB db(path, false, true);
+  db.exec("CREATE TABLE t (a, b, c, d, e)");
+  const std::vector<SQLValue> values = {SQLValue(std::numeric_limits<std::int64_t>::min()),
+                                        SQLValue(2.5), SQLValue("x'); DROP TABLE t; --"),
+                                        SQLValue(Bytes{0, 1, 2}), SQLValue()};
+  EXPECT_EQ(db.run("INSERT INTO t VALUES (?, ?, ?, ?, ?)", values), 1);
+  EXPECT_EQ(db.run("INSERT INTO t VALUES (?, ?, ?, ?, ?)", values), 2);
+  const auto rows = db.query("SELECT a, b, c, d, e FROM t WHERE c = ?", {values[2]});
+  ASSERT_EQ(rows.size(), 2u);
+  for (std::size_t i = 0; i < values.size(); ++i) EXPECT_EQ(rows[0].at(i), values[i]) << i;
+  EXPECT_EQ(rows[1]["c"], values[2]);
+}
+
+TEST_F(SQLiteDBTest, ZeroLengthBlobIsAnEmptyBlobNotNull) {
+  SQLiteDB db(path, false, true);
+  const auto rows = db.query("SELECT zeroblob(0) AS z, CAST('' AS BLOB) AS e");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0]["z"], SQLValue(Bytes{}));
+  EXPECT_EQ(rows[0]["e"], SQLValue(Bytes{}));
+}
+
+TEST_F(SQLiteDBTest, RowsAreKeyedByAliasAndTheLaterDuplicateWins) {
+  SQLiteDB db(path, false, true);
+  const auto rows = db.query("SELECT 1 AS a, 2 AS a, 3 AS b");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0]["a"], SQLValue(2));
+  EXPECT_EQ(rows[0]["b"], SQLValue(3));
+  EXPECT_TRUE(rows[0]["missing"].isNull());
+}
+
+TEST_F(SQLiteDBTest, InvalidUTF8TextIsRepairedOnRead) {
+  SQLiteDB db(path, false, true);
+  const auto rows = db.query("SELECT CAST(X'61FF62' AS TEXT) AS t");
+  EXPECT_EQ(rows.at(0)["t"], SQLValue("a\uFFFDb"));
+}
+
+TEST_F(SQLiteDBTest, FailuresCarryTheirCodeAndMessage) {
+  SQLiteDB db(path, false, true);
+  db.exec("CREATE TABLE t (a UNIQUE)");
+  db.run("INSERT INTO t VALUES (1)");
+
+  struct Case {
+    std::function<void()> call;
+    int code;
+    std::string messagePart;
+  };
+  const Case cases[] = {
+      {[&] { db.query("SELEC 1"); }, 1, "syntax error"},
+      {[&] { db.query("SELECT ?", {1, 2}); }, 25, "column index out of range"},
+      {[&] { db.run("INSERT INTO t VALUES (1)"); }, 19, "UNIQUE constraint failed"},
+      {[&] { db.exec("NOT SQL"); }, 1, "syntax error"},
+      {[&] { db.query("SELECT * FROM nowhere"); }, 1, "no such table: nowhere"},
+  };
+  for (const auto& c : cases) {
+    try {
+      c.call();
+      ADD_FAILURE() << "no error for " << c.messagePart;
+    } catch (const SQLiteError& e) {
+      EXPECT_EQ(e.code() & 0xFF, c.code) << e.what();
+      EXPECT_NE(e.message().find(c.messagePart), std::string::npos) << e.what();
+    }
+  }
+}
+
+TEST_F(SQLiteDBTest, OpeningFailuresAreTyped) {
+  try {
+    SQLiteDB db(dir.file("absent.db"), /*readOnly=*/true);
+    FAIL() << "opened a missing file";
+  } catch (const SQLiteError& e) {
+    EXPECT_EQ(e.code() & 0xFF, 14);
+    EXPECT_TRUE(e.isPermission());
+  }
+  // Read-write without create does not make the file either.
+  EXPECT_THROW(SQLiteDB(dir.file("absent.db"), false, false), SQLiteError);
+}
+
+TEST_F(SQLiteDBTest, ColumnsOfTables) {
+  SQLiteDB db(path, false, true);
+  db.exec("CREATE TABLE t (a INTEGER, \"b c\" TEXT)");
+  EXPECT_EQ(db.columns("t"), (std::set<std::string>{"a", "b c"}));
+  EXPECT_TRUE(db.columns("nowhere").empty());
+  EXPECT_TRUE(db.columns("t; DROP TABLE t").empty());
+  EXPECT_EQ(db.columns("t").size(), 2u);
+  db.close();
+  EXPECT_TRUE(db.columns("t").empty());
+}
+
+TEST_F(SQLiteDBTest, CloseTwiceIsHarmlessAndLaterQueriesSayClosed) {
+  SQLiteDB db(path, false, true);
+  db.close();
+  db.close();
+  EXPECT_FALSE(db.isOpen());
+  try {
+    db.query("SELECT 1");
+    FAIL();
+  } catch (const SQLiteError& e) {
+    EXPECT_EQ(e.message(), "closed");
+  }
+}
+
+TEST_F(SQLiteDBTest, ReadOnlyConnectionRefusesWrites) {
+  { SQLiteDB(path, false, true).exec("CREATE TABLE t (a)"); }
+  SQLiteDB db(path, /*readOnly=*/true);
+  try {
+    db.run("INSERT INTO t VALUES (1)");
+    FAIL();
+  } catch (const SQLiteError& e) {
+    EXPECT_EQ(e.code() & 0xFF, 8);  // SQLITE_READONLY
+  }
+}
+
+TEST_F(SQLiteDBTest, StepErrorDiscardsRowsAndThrows) {
+  SQLiteDB db(path, false, true);
+  // The second row overflows abs() at step time, after one row was read.
+  EXPECT_THROW(db.query("SELECT abs(x) FROM (SELECT 1 AS x UNION ALL SELECT -9223372036854775808)"),
+               SQLiteError);
+}
+
+TEST_F(SQLiteDBTest, ObserverSeesEveryPreparedStatement) {
+  SQLiteDB db(path, false, true);
+  std::vector<std::string> seen;
+  db.setStatementObserver([&](const std::string& sql) { seen.push_back(sql); });
+  db.query("SELECT 1");
+  db.columns("t");
+  EXPECT_EQ(seen, (std::vector<std::string>{"SELECT 1", "PRAGMA table_info(t)"}));
+}
+
+}  // namespace
+}  // namespace corvane

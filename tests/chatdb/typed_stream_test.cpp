@@ -1,0 +1,96 @@
+#include "core/chatdb/typed_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "core/chatdb/sql_value.h"
+
+namespace corvane {
+namespace {
+
+using TypedStream::decodeAttributedBody;
+using TypedStream::encodeAttributedBody;
+
+Bytes bytes(std::string_view s) { return Bytes(s.begin(), s.end()); }
+
+TEST(TypedStreamTest, RoundTripsEveryLengthForm) {
+  for (const std::size_t n : {0u, 1u, 127u, 128u, 200u, 65535u, 65536u, 70000u}) {
+    std::string text(n, 'x');
+    for (std::size_t i = 0; i < n; i += 7) text[i] = static_cast<char>('a' + i % 26);
+    EXPECT_EQ(decodeAttributedBody(encodeAttributedBody(text)), text) << n;
+  }
+  EXPECT_EQ(decodeAttributedBody(encodeAttributedBody("h\u00e9llo \U0001F600")),
+            "h\u00e9llo \U0001F600");
+}
+
+TEST(TypedStreamTest, EncodesTheExactArchiveLayout) {
+  const Bytes blob = encodeAttributedBody("hi");
+  Bytes expected = {0x04, 0x0B};
+  const auto add = [&](std::initializer_list<std::uint8_t> b) { expected.insert(expected.end(), b); };
+  const auto addText = [&](std::string_view s) { expected.insert(expected.end(), s.begin(), s.end()); };
+  addText("streamtyped");
+  add({0x81, 0xE8, 0x03, 0x84, 0x01, 0x40, 0x84, 0x84, 0x84, 0x12});
+  addText("NSAttributedString");
+  add({0x00, 0x84, 0x84, 0x08});
+  addText("NSObject");
+  add({0x00, 0x85, 0x92, 0x84, 0x84, 0x84, 0x08});
+  addText("NSString");
+  add({0x01, 0x94, 0x84, 0x01, 0x2B, 0x02});
+  addText("hi");
+  add({0x86, 0x84, 0x02, 0x69, 0x49, 0x01, 0x81, 0x00, 0x00, 0x92, 0x84, 0x84, 0x84});
+  EXPECT_EQ(blob, expected);
+}
+
+TEST(TypedStreamTest, LengthPrefixes) {
+  const auto prefixAt = [](const Bytes& blob) {
+    const std::string_view marker = "NSString";
+    const auto it = std::search(blob.begin(), blob.end(), marker.begin(), marker.end());
+    return static_cast<std::size_t>(it - blob.begin()) + marker.size() + 5;  // past 01 94 84 01 2B
+  };
+  Bytes b = encodeAttributedBody(std::string(127, 'a'));
+  EXPECT_EQ(b[prefixAt(b)], 127);
+  b = encodeAttributedBody(std::string(200, 'a'));
+  EXPECT_EQ(Bytes(b.begin() + prefixAt(b), b.begin() + prefixAt(b) + 3), (Bytes{0x81, 200, 0}));
+  b = encodeAttributedBody(std::string(70000, 'a'));
+  EXPECT_EQ(Bytes(b.begin() + prefixAt(b), b.begin() + prefixAt(b) + 5),
+            (Bytes{0x82, 0x70, 0x11, 0x01, 0x00}));
+}
+
+TEST(TypedStreamTest, MalformedBlobsNeverReadPastTheEnd) {
+  struct Case {
+    const char* name;
+    Bytes blob;
+    std::optional<std::string> expected;
+  };
+  const Case cases[] = {
+      {"empty", {}, std::nullopt},
+      {"no class name", bytes("streamtyped+\x05hello"), std::nullopt},
+      {"class name at the very end", bytes("xxNSString"), std::nullopt},
+      {"no marker after the class name", bytes("+\x02hiNSString\x01\x94"), std::nullopt},
+      {"marker is the last byte", bytes("NSString\x01+"), std::nullopt},
+      {"16-bit length cut off", bytes("NSString+\x81\x05"), std::nullopt},
+      {"32-bit length cut off", bytes("NSString+\x82\x05\x00\x00"), std::nullopt},
+      {"length runs past the end", bytes("NSString+\x0Ahey"), "hey"},
+      {"16-bit length runs past the end", bytes("NSString+\x81\xFF\xFF" "abc"), "abc"},
+      {"32-bit length with no text", bytes("NSString+\x82\xFF\xFF\xFF\xFF"), std::nullopt},
+      {"zero length", bytes(std::string_view("NSString+\x00", 10)), ""},
+      {"0x80 is a plain length", bytes("NSString+\x80" "abc"), "abc"},
+      {"invalid UTF-8 becomes U+FFFD", bytes("NSString+\x03" "a\xFF" "b"), "a\uFFFDb"},
+      {"first class name wins", bytes("NSString+\x01" "aNSString+\x01" "b"), "a"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(decodeAttributedBody(c.blob), c.expected) << c.name;
+}
+
+TEST(TypedStreamTest, EveryTruncationOfARealBlobIsSafe) {
+  const Bytes blob = encodeAttributedBody(std::string(300, 'z'));
+  for (std::size_t n = 0; n <= blob.size(); ++n) {
+    const auto text = decodeAttributedBody(std::span(blob.data(), n));
+    if (text) {
+      EXPECT_EQ(*text, std::string(text->size(), 'z')) << n;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace corvane
