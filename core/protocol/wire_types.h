@@ -1,6 +1,7 @@
 // The records exchanged with the server as JSON. Plain values: member-wise
 // construction and equality, keys equal to the member names. JSON coding
-// lives beside them in wire_json.h.
+// lives beside them in wire_json.h. Values, so safe to share between threads
+// as long as nobody mutates them.
 #pragma once
 
 #include <cstdint>
@@ -136,10 +137,17 @@ struct AgentStatusRequest {
   bool operator==(const AgentStatusRequest&) const = default;
 };
 
+// The body of an error answer; only its texts are of interest.
 struct ErrorBody {
   std::optional<std::string> error;
   std::optional<std::string> message;
   bool operator==(const ErrorBody&) const = default;
+};
+
+// The answer of calls whose result is discarded (ack, status): decodes from
+// any JSON value and carries nothing.
+struct IgnoredBody {
+  bool operator==(const IgnoredBody&) const = default;
 };
 
 }  // namespace corvane
