@@ -1,0 +1,108 @@
+#include "core/contacts/contact_book.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace corvane {
+namespace {
+
+using Opt = std::optional<std::string>;
+
+TEST(ContactNameTest, TrimsPartsAndChoosesTheDisplayName) {
+  const struct {
+    Opt first, last, nickname, organization;
+    Opt displayName;
+  } cases[] = {
+      {" Alex ", std::nullopt, std::nullopt, "Acme", "Alex"},
+      {std::nullopt, std::nullopt, std::nullopt, "Acme", "Acme"},
+      {std::nullopt, std::nullopt, "Al", "Acme", "Al"},
+      {"Alex", "Kim", "Al", "Acme", "Alex Kim"},
+      {std::nullopt, "Kim", "Al", std::nullopt, "Kim"},
+      {"\u00A0Jos\u00E9\n", "\tGarc\u00EDa ", std::nullopt, std::nullopt, "Jos\u00E9 Garc\u00EDa"},
+      {"", "  ", "\n", " Acme Corp ", "Acme Corp"},
+      {"", "  ", std::nullopt, std::nullopt, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    const ContactName name(c.first, c.last, c.nickname, c.organization);
+    EXPECT_EQ(name.displayName, c.displayName)
+        << c.first.value_or("-") << "/" << c.last.value_or("-");
+  }
+}
+
+TEST(ContactNameTest, EmptyPartsAreAbsent) {
+  const ContactName name("", "  ", "\u2028", "\u00A0");
+  EXPECT_EQ(name, ContactName());
+  EXPECT_EQ(name.firstName, std::nullopt);
+  EXPECT_EQ(name.organization, std::nullopt);
+
+  const ContactName alex(" Alex ", std::nullopt, " Al\n", std::nullopt);
+  EXPECT_EQ(alex.firstName, "Alex");
+  EXPECT_EQ(alex.nickname, "Al");
+}
+
+IndexedContactBook::Entry card(const char* first, std::vector<std::string> phones,
+                               std::vector<std::string> emails = {}) {
+  return {ContactName(first, std::nullopt, std::nullopt, std::nullopt), std::move(phones),
+          std::move(emails)};
+}
+
+std::optional<std::string> displayNameFor(const ContactBook& book, std::string_view handle) {
+  const auto name = book.lookup(handle);
+  return name ? name->displayName : std::nullopt;
+}
+
+TEST(IndexedContactBookTest, NumberOnTwoCardsNamesTheFirst) {
+  const IndexedContactBook book(
+      {card("Alex", {"(415) 555-0100"}), card("Sam", {"+1 415 555 0100", "020 7946 0000"})}, "US");
+  EXPECT_EQ(displayNameFor(book, "+14155550100"), "Alex");
+  EXPECT_EQ(displayNameFor(book, "20794600"), std::nullopt);
+  EXPECT_EQ(book.count(), 2u);
+}
+
+TEST(IndexedContactBookTest, FindsNumbersStoredInOtherForms) {
+  const IndexedContactBook us({card("Alex", {"(415) 555-0100"})}, "US");
+  EXPECT_EQ(displayNameFor(us, "+14155550100"), "Alex");
+
+  // Read as a British number it becomes +444155550100; it still meets on its last ten digits.
+  const IndexedContactBook gb({card("Alex", {"415-555-0100"})}, "GB");
+  EXPECT_EQ(displayNameFor(gb, "+14155550100"), "Alex");
+
+  const IndexedContactBook fr({card("Camille", {"06 12 34 56 78"})}, "FR");
+  EXPECT_EQ(displayNameFor(fr, "+33612345678"), "Camille");
+}
+
+TEST(IndexedContactBookTest, IndexesEmailAddressesByTheirNormalisedForm) {
+  const IndexedContactBook book({card("Alex", {}, {" Alex@Example.ORG", "mailto:alex@work.io"})},
+                                "US");
+  EXPECT_EQ(displayNameFor(book, "alex@example.org"), "Alex");
+  EXPECT_EQ(displayNameFor(book, "alex@work.io"), "Alex");
+  EXPECT_EQ(displayNameFor(book, "Alex@Example.ORG"), std::nullopt);
+}
+
+TEST(IndexedContactBookTest, CountsDistinctHandlesAndSkipsUnusableValues) {
+  const IndexedContactBook book({card("Alex", {"(415) 555-0100", "415.555.0100", "12", ""},
+                                      {"alex@example.org", "ALEX@example.org", "a@", "urn:x:1"}),
+                                 card("Nobody", {}, {})},
+                                "US");
+  EXPECT_EQ(book.count(), 2u);
+  EXPECT_EQ(displayNameFor(book, "12"), std::nullopt);
+}
+
+TEST(IndexedContactBookTest, KeepsEveryNamePart) {
+  const ContactName name("Alex", "Kim", "Al", "Acme");
+  const IndexedContactBook book({{name, {"+14155550100"}, {}}}, "US");
+  EXPECT_EQ(book.lookup("+14155550100"), name);
+}
+
+TEST(EmptyContactBookTest, KnowsNoOne) {
+  const std::unique_ptr<ContactBook> book = std::make_unique<EmptyContactBook>();
+  EXPECT_EQ(book->lookup("+14155550100"), std::nullopt);
+  EXPECT_EQ(book->lookup("alex@example.org"), std::nullopt);
+  EXPECT_EQ(book->count(), 0u);
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,335 @@
+#include "core/contacts/phone.h"
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace corvane {
+namespace {
+
+using Vars = std::map<std::string, std::string, std::less<>>;
+
+Phone::Environment environmentOf(Vars vars) {
+  return [vars = std::move(vars)](std::string_view name) -> std::optional<std::string> {
+    const auto it = vars.find(name);
+    if (it == vars.end()) return std::nullopt;
+    return it->second;
+  };
+}
+
+Phone::RegionSources sources(Vars vars, std::optional<std::string> localeRegion = std::nullopt) {
+  return {environmentOf(std::move(vars)), [localeRegion] { return localeRegion; }};
+}
+
+struct NormalizeCase {
+  std::optional<std::string> raw;
+  std::optional<std::string> region;
+  std::optional<std::string> expected;
+};
+
+void expectNormalizes(const NormalizeCase& c, const Phone::RegionSources& detected) {
+  EXPECT_EQ(Phone::normalize(c.raw, c.region, detected), c.expected)
+      << "raw \"" << c.raw.value_or("<absent>") << "\" in " << c.region.value_or("<absent>");
+}
+
+TEST(PhoneNormalizeTest, NorthAmericanNumbers) {
+  const NormalizeCase cases[] = {
+      {" tel:+1 (415) 555-0100 ", "US", "+14155550100"},
+      {"(415) 555-0100", "US", "+14155550100"},
+      {"14155550100", "US", "+14155550100"},
+      {"415.555.0100", "US", "+14155550100"},
+      {"415\u00A0555\u00A00100", "US", "+14155550100"},
+      {"1 415 555 0100", "US", "+14155550100"},
+      {"+1-415-555-0100", "US", "+14155550100"},
+      {"iMessage:+1 415 555 0100", "US", "+14155550100"},
+      {"4155550100", "CA", "+14155550100"},
+      {"4155550100", "jm", "+14155550100"},
+      // Not placeable as a ten-digit national number: bare digits, no "+".
+      {"0155550100", "US", "0155550100"},
+      {"1415555010", "US", "1415555010"},
+      {"24155550100", "US", "24155550100"},
+      {"441234567890", "US", "441234567890"},
+  };
+  const auto detected = sources({});
+  for (const auto& c : cases) expectNormalizes(c, detected);
+}
+
+TEST(PhoneNormalizeTest, ShortCodesStayBareDigits) {
+  const NormalizeCase cases[] = {
+      {"72404", "US", "72404"}, {"*611#", "US", "611"},   {"12345", "US", "12345"},
+      {"12345", "DE", "12345"}, {"22395", "GB", "22395"}, {"123456", "DE", "123456"},
+  };
+  const auto detected = sources({});
+  for (const auto& c : cases) expectNormalizes(c, detected);
+}
+
+TEST(PhoneNormalizeTest, NationalNumbersGainTheCountryCode) {
+  const NormalizeCase cases[] = {
+      {"0612345678", "FR", "+33612345678"},
+      {"06 12 34 56 78", "fr", "+33612345678"},
+      {"07700 900123", "GB", "+447700900123"},
+      {"030 1234567", "DE", "+49301234567"},
+      {"0412 345 678", "AU", "+61412345678"},
+      {"090-1234-5678", "JP", "+819012345678"},
+      {"(0)20 7946 0000", "GB", "+442079460000"},
+      // Italy keeps the trunk zero after the country code.
+      {"0612345678", "IT", "+390612345678"},
+      {"06 1234 5678", "it", "+390612345678"},
+      // A national part of 6 to 13 digits, from at least 7 digits in all.
+      {"0123456", "DE", "+49123456"},
+      {"01234567890123", "DE", "+491234567890123"},
+      {"12345678901234", "DE", "12345678901234"},
+      // Only a single leading zero is a trunk prefix.
+      {"00123456", "FR", "+3300123456"},
+  };
+  const auto detected = sources({});
+  for (const auto& c : cases) expectNormalizes(c, detected);
+  EXPECT_EQ(Phone::normalize("0612345678", "FR"), "+33612345678");
+}
+
+TEST(PhoneNormalizeTest, RegionsOutsideTheTableReadNumbersAsNorthAmerican) {
+  const NormalizeCase cases[] = {
+      {"4155550100", "ZZ", "+14155550100"},
+      {"0612345678", "ZZ", "0612345678"},
+      // San Marino keeps its trunk zero but has no calling code of its own here.
+      {"0549 123456", "SM", "0549123456"},
+  };
+  const auto detected = sources({});
+  for (const auto& c : cases) expectNormalizes(c, detected);
+}
+
+TEST(PhoneNormalizeTest, InternationalForms) {
+  const NormalizeCase cases[] = {
+      {"0044 20 7946 0000", "FR", "+442079460000"},
+      {"0033 6 12 34 56 78", "US", "+33612345678"},
+      {"\u00A0+44 20 7946 0000\u2028", "FR", "+442079460000"},
+      {"SMS:+447700900123", "US", "+447700900123"},
+      {"tel:+33 (0)6 12 34 56 78", "US", "+330612345678"},
+      {"+\u0669\u0667\u0661 \u0665\u0660 \u0661\u0662\u0663", "AE",
+       "+\u0669\u0667\u0661\u0665\u0660\u0661\u0662\u0663"},
+      // Too few digits for "00" to be a dialling prefix.
+      {"00 44 12", "US", "004412"},
+      // The rest after a scheme is not trimmed again, so the "+" is not leading.
+      {"tel: +44 20 7946 0000", "US", "442079460000"},
+      {"tel: 415 555 0100", "US", "+14155550100"},
+  };
+  const auto detected = sources({});
+  for (const auto& c : cases) expectNormalizes(c, detected);
+}
+
+TEST(PhoneNormalizeTest, EmailAddressesAreLowerCasedAndTrimmed) {
+  const NormalizeCase cases[] = {
+      {"Alex@Example.ORG ", std::nullopt, "alex@example.org"},
+      {"MAILTO: Alex@Example.org ", std::nullopt, "alex@example.org"},
+      {"mailto:\u00A0Bob@X.io", "US", "bob@x.io"},
+      {"imessage:alex@icloud.com", std::nullopt, "alex@icloud.com"},
+      {"\u00C9LISE@Example.FR", std::nullopt, "\u00E9lise@example.fr"},
+      {"a@b", std::nullopt, "a@b"},
+      {"a@", std::nullopt, std::nullopt},
+      // Three code points but two characters.
+      {"e\u0301@", std::nullopt, std::nullopt},
+      // Digits in an address never make it a phone number.
+      {"4155550100@example.com", "US", "4155550100@example.com"},
+  };
+  const auto detected = sources({});
+  for (const auto& c : cases) expectNormalizes(c, detected);
+}
+
+TEST(PhoneNormalizeTest, RejectsWhatIsNoHandle) {
+  const NormalizeCase cases[] = {
+      {std::nullopt, "US", std::nullopt},
+      {"", "US", std::nullopt},
+      {" \n\t\u00A0", "US", std::nullopt},
+      {"tel:", "US", std::nullopt},
+      {"urn:biz:123", std::nullopt, std::nullopt},
+      {"URN:biz:123", std::nullopt, std::nullopt},
+      {"tel:urn:x-id:4155550100", "US", std::nullopt},
+      {"12", "US", std::nullopt},
+      {"+12", "US", std::nullopt},
+      {"call me", "US", std::nullopt},
+      // Two digits in four bytes.
+      {"+\u0669\u0667", "AE", std::nullopt},
+  };
+  const auto detected = sources({});
+  for (const auto& c : cases) expectNormalizes(c, detected);
+}
+
+TEST(PhoneNormalizeTest, AbsentOrEmptyRegionUsesTheDetectedOne) {
+  const NormalizeCase cases[] = {
+      {"020 7946 0000", std::nullopt, "+442079460000"},
+      {"020 7946 0000", "", "+442079460000"},
+      {"020 7946 0000", "FR", "+332079460000"},
+  };
+  const auto detected = sources({{"QUODDLE_REGION", "gb"}});
+  for (const auto& c : cases) expectNormalizes(c, detected);
+
+  EXPECT_EQ(Phone::normalize("0612345678", std::nullopt, sources({}, "FR")), "+33612345678");
+  EXPECT_EQ(Phone::normalize("4155550100", "", sources({})), "+14155550100");
+}
+
+TEST(PhoneDigitsTest, KeepsEveryDecimalDigitAsWritten) {
+  const struct {
+    std::string input;
+    std::string expected;
+  } cases[] = {
+      {"+1 (415)", "1415"},
+      {"abc", ""},
+      {"\u0664\u0661\u0665-\u0665\u0665\u0665", "\u0664\u0661\u0665\u0665\u0665\u0665"},
+      {"\uFF08\uFF14\uFF11\uFF15\uFF09", "\uFF14\uFF11\uFF15"},
+      {"\u0967\u0968\u0969", "\u0967\u0968\u0969"},
+      // Numeric, but not decimal digits.
+      {"\u00BD \u00B2 \u2163", ""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Phone::digits(c.input), c.expected) << c.input;
+}
+
+TEST(PhoneLast10Test, TakesTheLastTenDigitsOfNumbersWithAtLeastSeven) {
+  const std::string arabic12 =
+      "\u0660\u0661\u0662\u0663\u0664\u0665\u0666\u0667\u0668\u0669\u0660\u0661";
+  const struct {
+    std::string input;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {"+1 (415) 555-0100", "4155550100"},
+      {"+44 20 7946 0000", "2079460000"},
+      {"4155550100", "4155550100"},
+      {"1234567", "1234567"},
+      {"123456", std::nullopt},
+      {"alex@example.org", std::nullopt},
+      {arabic12, arabic12.substr(4)},  // ten code points, not ten bytes
+  };
+  for (const auto& c : cases) EXPECT_EQ(Phone::last10(c.input), c.expected) << c.input;
+}
+
+TEST(PhoneSameTest, MatchesEqualHandlesAndPhoneNumbersOnTheirLastTenDigits) {
+  const struct {
+    std::string a;
+    std::string b;
+    bool expected;
+  } cases[] = {
+      {"+14155550100", "4155550100", true},
+      {"+14155550100", "(415) 555-0100", true},
+      {"+442079460000", "02079460000", true},
+      {"1234567", "+1234567", true},
+      {"123456", "123456", true},
+      {"a@b.c", "a@b.c", true},
+      {"+14155550100", "+14155550199", false},
+      {"a@b.c", "A@b.c", false},
+      {"123456", "123456 ", false},
+      {"4155550100@x.io", "4155550100", false},
+      {"4155550100", "+1 415 555 0100@x.io", false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Phone::same(c.a, c.b), c.expected) << c.a << " / " << c.b;
+    EXPECT_EQ(Phone::same(c.b, c.a), c.expected) << c.b << " / " << c.a;
+  }
+}
+
+TEST(PhoneRegionFromLocaleTest, FindsTheRegionOfAnIdentifier) {
+  const struct {
+    std::optional<std::string> identifier;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {"en_GB", "GB"},
+      {"zh-Hant-TW", "TW"},
+      {"sr_Latn_RS", "RS"},
+      {"en_us", "US"},
+      {" en_AU \n", "AU"},
+      {"de_DE@euro", "DE"},
+      {"en_US@rg=gbzzzz", "GB"},
+      {"en_US@rg=dezzzz", "DE"},
+      {"en_US@RG=FRZZZZ", "FR"},
+      // An override that is not two letters falls back to the identifier.
+      {"en_US@rg=1zzz", "US"},
+      {"en_US@rg=d", "US"},
+      {"es_419_MX", "MX"},
+      // The language is never a region, however it looks.
+      {"en", std::nullopt},
+      {"gb__", std::nullopt},
+      {"es-419", std::nullopt},
+      {"en_USA", std::nullopt},
+      {"x_\u00C9\u00C9", std::nullopt},
+      {"", std::nullopt},
+      {std::nullopt, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Phone::regionFromLocale(c.identifier), c.expected)
+        << c.identifier.value_or("<absent>");
+  }
+}
+
+TEST(PhonePosixLocaleRegionTest, ReadsTheLocaleTheCLibraryWouldUse) {
+  const struct {
+    Vars vars;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {{{"LANG", "en_GB.UTF-8"}}, "GB"},
+      {{{"LANG", "de_DE.utf8"}}, "DE"},
+      {{{"LANG", "sr_RS.UTF-8@latin"}}, "RS"},
+      {{{"LANG", "en_US.UTF-8@rg=gbzzzz"}}, "GB"},
+      {{{"LC_MESSAGES", "fr_CA.UTF-8"}, {"LANG", "en_US.UTF-8"}}, "CA"},
+      {{{"LC_ALL", "pt_BR"}, {"LC_MESSAGES", "fr_CA"}, {"LANG", "en_US"}}, "BR"},
+      {{{"LC_ALL", ""}, {"LANG", "en_IE.UTF-8"}}, "IE"},
+      // The first setting decides even when it names no region.
+      {{{"LC_ALL", "C.UTF-8"}, {"LANG", "en_GB.UTF-8"}}, std::nullopt},
+      {{{"LANG", "POSIX"}}, std::nullopt},
+      {{}, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Phone::posixLocaleRegion(environmentOf(c.vars)), c.expected)
+        << (c.vars.empty() ? "<none>" : c.vars.begin()->second);
+  }
+}
+
+TEST(PhoneDetectRegionTest, PrefersTheVariableThenTheLocaleThenUS) {
+  const struct {
+    Vars vars;
+    std::optional<std::string> localeRegion;
+    std::string expected;
+  } cases[] = {
+      {{{"QUODDLE_REGION", "gb"}}, "FR", "GB"},
+      {{{"QUODDLE_REGION", "GBR"}}, "FR", "FR"},
+      {{{"QUODDLE_REGION", ""}}, "fr", "FR"},
+      {{{"QUODDLE_REGION", "d"}}, std::nullopt, "US"},
+      {{}, "419", "US"},
+      {{}, "", "US"},
+      {{}, std::nullopt, "US"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Phone::detectRegion(sources(c.vars, c.localeRegion)), c.expected)
+        << c.localeRegion.value_or("<absent>");
+  }
+}
+
+TEST(PhoneDetectRegionTest, LocaleFromThePosixEnvironment) {
+  const auto environment = environmentOf({{"LANG", "nl_BE.UTF-8"}});
+  const Phone::RegionSources posix{environment,
+                                   [&] { return Phone::posixLocaleRegion(environment); }};
+  EXPECT_EQ(Phone::detectRegion(posix), "BE");
+  EXPECT_EQ(Phone::normalize("0470 12 34 56", std::nullopt, posix), "+32470123456");
+}
+
+TEST(PhoneCallingCodeTest, TableHasOneNumericCodePerRegion) {
+  std::set<std::string_view> regions;
+  int northAmerican = 0;
+  for (const auto& [region, code] : Phone::callingCodes) {
+    EXPECT_TRUE(regions.insert(region).second) << "duplicate " << region;
+    ASSERT_EQ(region.size(), 2u);
+    EXPECT_TRUE(std::isupper(region[0]) && std::isupper(region[1])) << region;
+    EXPECT_FALSE(code.empty());
+    EXPECT_EQ(code.find_first_not_of("0123456789"), std::string_view::npos) << region;
+    if (code == "1") ++northAmerican;
+  }
+  EXPECT_EQ(northAmerican, 25);
+  EXPECT_EQ(Phone::callingCode("GB"), "44");
+  EXPECT_EQ(Phone::callingCode("UY"), "598");
+  EXPECT_EQ(Phone::callingCode("gb"), std::nullopt);
+  EXPECT_EQ(Phone::callingCode("SM"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace corvane

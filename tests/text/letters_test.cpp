@@ -1,0 +1,40 @@
+#include "core/text/letters.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace corvane {
+namespace {
+
+TEST(LettersTest, UppercasesCodePointByCodePoint) {
+  const struct {
+    std::string input;
+    std::string expected;
+  } cases[] = {
+      {"en_us", "EN_US"},
+      {"\u00E9lise", "\u00C9LISE"},
+      {"\u017Fe", "SE"},     // long s upper-cases to an ASCII letter
+      {"\u01C6", "\u01C4"},  // one code point stays one code point
+      {"\u0436\u4E2D", "\u0416\u4E2D"},
+      {"a\xFF"
+       "b",
+       "A\xFF"
+       "B"},  // invalid bytes survive untouched
+      {"", ""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(uppercased(c.input), c.expected) << c.input;
+}
+
+TEST(LettersTest, RecognisesLettersOfAnyScript) {
+  for (const char32_t c : {U'a', U'Z', U'\u00E9', U'\u0436', U'\u4E2D', U'\u02B0', U'\u216B'}) {
+    EXPECT_TRUE(isLetter(c)) << static_cast<unsigned>(c);
+  }
+  for (const char32_t c :
+       {U'1', U'\u0663', U'_', U'@', U' ', U'\u0301', U'\u00BD', U'\U0001F600'}) {
+    EXPECT_FALSE(isLetter(c)) << static_cast<unsigned>(c);
+  }
+}
+
+}  // namespace
+}  // namespace corvane
