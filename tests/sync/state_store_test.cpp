@@ -1,0 +1,315 @@
+#include "core/sync/state_store.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::TempDir;
+
+AgentState fullState() {
+  AgentState s;
+  s.cursor = 9'007'199'254'740'993;  // beyond a double's exact range
+  s.selfCursor = 17;
+  s.backfilled = {"+14155550100", "alex@example.org"};
+  s.directorySent = {{"+14155550100", "3f1a"}, {"alex@example.org", "99bc"}};
+  s.directoryFullAt = 1'700'000'000'000;
+  s.assistantSent = {{"it's done", 1'700'000'000'001}};
+  s.selfPosted = {{"buy milk \u00e9", -5}, {"", 0}};
+  s.outboxDone = {{"o1", SendStatus::sent, std::nullopt, 1'700'000'000'002, true},
+                  {"o2", SendStatus::failed, "interrupted before send completed", 3, false}};
+  s.lastSyncAt = "2023-11-14T22:13:20.123Z";
+  s.lastError = "Server said \"no\"";
+  s.rosterCount = 4;
+  return s;
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+void writeFile(const fs::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+mode_t modeOf(const fs::path& path) {
+  struct stat st {};
+  EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
+  return st.st_mode & 07777;
+}
+
+std::set<std::string> entriesOf(const fs::path& dir) {
+  std::set<std::string> names;
+  for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
+  return names;
+}
+
+TEST(FileStateStoreTest, SaveThenLoadGivesTheSameState) {
+  TempDir tmp;
+  FileStateStore store(tmp.path());
+  const AgentState state = fullState();
+  store.save(state);
+  EXPECT_EQ(store.load(), state);
+  EXPECT_EQ(FileStateStore(tmp.path()).load(), state);
+  EXPECT_EQ(store.path(), fs::path(tmp.path()) / "state.json");
+}
+
+TEST(FileStateStoreTest, FileLeavesOutAbsentOptionalsButAlwaysHasCollections) {
+  TempDir tmp;
+  FileStateStore store(tmp.path());
+  AgentState state;
+  state.outboxDone = {{"o1", SendStatus::sent, std::nullopt, 5, false}};
+  store.save(state);
+
+  const auto j = nlohmann::json::parse(readFile(store.path()));
+  std::set<std::string> keys;
+  for (const auto& [key, value] : j.items()) keys.insert(key);
+  EXPECT_EQ(keys, (std::set<std::string>{"assistantSent", "backfilled", "directorySent",
+                                         "outboxDone", "selfPosted"}));
+  EXPECT_EQ(j["outboxDone"][0],
+            nlohmann::json::parse(R"({"acked":false,"at":5,"id":"o1","status":"sent"})"));
+}
+
+TEST(FileStateStoreTest, FileIsPrettyPrintedWithSortedKeysAndStable) {
+  TempDir tmp;
+  FileStateStore store(tmp.path());
+  store.save(fullState());
+  const std::string first = readFile(store.path());
+  store.save(fullState());
+  EXPECT_EQ(readFile(store.path()), first);
+
+  EXPECT_NE(first.find("\n  \"assistantSent\": ["), std::string::npos) << first;
+  std::vector<std::size_t> positions;
+  for (const char* key :
+       {"\"assistantSent\"", "\"backfilled\"", "\"cursor\"", "\"directoryFullAt\"",
+        "\"directorySent\"", "\"lastError\"", "\"lastSyncAt\"", "\"outboxDone\"", "\"rosterCount\"",
+        "\"selfCursor\"", "\"selfPosted\""}) {
+    positions.push_back(first.find(key));
+    ASSERT_NE(positions.back(), std::string::npos) << key;
+  }
+  EXPECT_TRUE(std::is_sorted(positions.begin(), positions.end())) << first;
+  // Nested records are sorted too.
+  EXPECT_LT(first.find("\"acked\""), first.find("\"status\""));
+}
+
+TEST(FileStateStoreTest, UnusableFilesLoadAsTheDefaultState) {
+  const std::string valid = R"({"cursor": 5, "backfilled": [], "directorySent": {},
+      "assistantSent": [], "selfPosted": [], "outboxDone": []})";
+  struct Case {
+    const char* what;
+    std::string text;
+  };
+  const Case cases[] = {
+      {"empty file", ""},
+      {"not JSON", "{\"cursor\": 5,"},
+      {"not an object", "[1, 2]"},
+      {"cursor as a string", R"({"cursor": "5"})"},
+      {"cursor with a fraction", R"({"cursor": 1.5})"},
+      {"cursor beyond 64 bits", R"({"cursor": 9223372036854775808})"},
+      {"collection of the wrong type", R"({"backfilled": "alex"})"},
+      {"sent text without a time", R"({"selfPosted": [{"text": "hi"}]})"},
+      {"unknown send status",
+       R"({"outboxDone": [{"id": "a", "status": "queued", "at": 1, "acked": false}]})"},
+      {"outbox record without acked",
+       R"({"outboxDone": [{"id": "a", "status": "sent", "at": 1}]})"},
+      {"truncated valid file", valid.substr(0, valid.size() / 2)},
+  };
+  for (const auto& c : cases) {
+    TempDir tmp;
+    FileStateStore store(tmp.path());
+    writeFile(store.path(), c.text);
+    EXPECT_EQ(store.load(), AgentState{}) << c.what;
+  }
+}
+
+TEST(FileStateStoreTest, ToleratesMissingCollectionsAndNullOptionals) {
+  TempDir tmp;
+  FileStateStore store(tmp.path());
+  writeFile(store.path(),
+            R"({"cursor": 12, "selfCursor": null, "lastError": null, "future": {"x": 1},
+                "outboxDone": [{"id": "a", "status": "failed", "error": null, "at": 2,
+                                "acked": true}]})");
+  AgentState expected;
+  expected.cursor = 12;
+  expected.outboxDone = {{"a", SendStatus::failed, std::nullopt, 2, true}};
+  EXPECT_EQ(store.load(), expected);
+}
+
+TEST(FileStateStoreTest, MissingFileOrDirectoryLoadsAsTheDefaultState) {
+  TempDir tmp;
+  EXPECT_EQ(FileStateStore(tmp.path()).load(), AgentState{});
+  EXPECT_EQ(FileStateStore(fs::path(tmp.path()) / "no" / "such").load(), AgentState{});
+  fs::create_directory(fs::path(tmp.path()) / "state.json");
+  EXPECT_EQ(FileStateStore(tmp.path()).load(), AgentState{});
+}
+
+TEST(FileStateStoreTest, CorruptFileIsReplacedByTheNextSave) {
+  TempDir tmp;
+  FileStateStore store(tmp.path());
+  writeFile(store.path(), "\x01garbage");
+  ASSERT_EQ(store.load(), AgentState{});
+  store.save(fullState());
+  EXPECT_EQ(store.load(), fullState());
+}
+
+TEST(FileStateStoreTest, CreatesMissingDirectoriesPrivateAndTheFilePrivate) {
+  TempDir tmp;
+  ::chmod(tmp.path().c_str(), 0755);
+  const fs::path home = fs::path(tmp.path()) / "a" / "b" / "Corvane";
+  // Even with a permissive umask the state stays the user's own.
+  const mode_t previousUmask = ::umask(0);
+  FileStateStore store(home);
+  store.save(fullState());
+  ::umask(previousUmask);
+
+  EXPECT_EQ(modeOf(home), 0700u);
+  EXPECT_EQ(modeOf(home.parent_path()), 0700u);
+  EXPECT_EQ(modeOf(home.parent_path().parent_path()), 0700u);
+  EXPECT_EQ(modeOf(store.path()), 0600u);
+  EXPECT_EQ(modeOf(tmp.path()), 0755u) << "an existing directory keeps its mode";
+}
+
+TEST(FileStateStoreTest, SaveLeavesOnlyTheStateFile) {
+  TempDir tmp;
+  FileStateStore store(tmp.path());
+  store.save(AgentState{});
+  store.save(fullState());
+  EXPECT_EQ(entriesOf(tmp.path()), std::set<std::string>{"state.json"});
+}
+
+TEST(FileStateStoreTest, LeftoverTemporaryFileFromACrashIsHarmless) {
+  TempDir tmp;
+  FileStateStore store(tmp.path());
+  AgentState old;
+  old.cursor = 1;
+  store.save(old);
+  // A crash between writing the temporary file and the rename leaves it behind.
+  const fs::path temp =
+      fs::path(tmp.path()) / ("state.json." + std::to_string(::getpid()) + ".tmp");
+  writeFile(temp, "{\"cursor\": 2, \"trunc");
+  ::chmod(temp.c_str(), 0644);
+  EXPECT_EQ(store.load(), old);
+
+  store.save(fullState());
+  EXPECT_EQ(store.load(), fullState());
+  EXPECT_EQ(modeOf(store.path()), 0600u);
+  EXPECT_EQ(entriesOf(tmp.path()), std::set<std::string>{"state.json"});
+}
+
+TEST(FileStateStoreTest, FailedRenameThrowsAndRemovesTheTemporaryFile) {
+  TempDir tmp;
+  FileStateStore store(tmp.path());
+  // rename can't replace a non-empty directory.
+  fs::create_directories(store.path() / "occupied");
+  try {
+    store.save(fullState());
+    FAIL() << "save should have thrown";
+  } catch (const std::system_error& e) {
+    EXPECT_NE(std::string(e.what()).find(store.path().string()), std::string::npos) << e.what();
+    EXPECT_NE(e.code().value(), 0);
+  }
+  EXPECT_EQ(entriesOf(tmp.path()), std::set<std::string>{"state.json"});
+  EXPECT_TRUE(fs::is_directory(store.path() / "occupied"));
+}
+
+TEST(FileStateStoreTest, UncreatableDirectoryThrows) {
+  TempDir tmp;
+  const fs::path blocker = fs::path(tmp.path()) / "file";
+  writeFile(blocker, "x");
+  FileStateStore store(blocker / "Corvane");
+  EXPECT_THROW(store.save(AgentState{}), std::system_error);
+  EXPECT_EQ(store.load(), AgentState{});
+}
+
+TEST(FileStateStoreTest, DefaultDirectoryFollowsThePlatformLayout) {
+  using Layout = FileStateStore::DataLayout;
+  struct Case {
+    Layout layout;
+    std::map<std::string, std::string> env;
+    std::string expected;
+  };
+  const Case cases[] = {
+      {Layout::macOS, {{"HOME", "/Users/alex"}}, "/Users/alex/Library/Application Support/Corvane"},
+      {Layout::macOS,
+       {{"HOME", "/Users/alex"}, {"XDG_DATA_HOME", "/data"}},
+       "/Users/alex/Library/Application Support/Corvane"},
+      {Layout::xdg, {{"HOME", "/home/alex"}}, "/home/alex/.local/share/Corvane"},
+      {Layout::xdg, {{"HOME", "/home/alex"}, {"XDG_DATA_HOME", "/data"}}, "/data/Corvane"},
+      {Layout::xdg,
+       {{"HOME", "/home/alex"}, {"XDG_DATA_HOME", ""}},
+       "/home/alex/.local/share/Corvane"},
+      {Layout::xdg,
+       {{"HOME", "/home/alex"}, {"XDG_DATA_HOME", "relative/data"}},
+       "/home/alex/.local/share/Corvane"},
+  };
+  for (const auto& c : cases) {
+    const auto getenv = [&](const char* name) -> const char* {
+      const auto it = c.env.find(name);
+      return it == c.env.end() ? nullptr : it->second.c_str();
+    };
+    EXPECT_EQ(FileStateStore::defaultDirectory(c.layout, getenv), fs::path(c.expected))
+        << c.expected;
+  }
+}
+
+TEST(MemoryStateStoreTest, StartsFromTheGivenStateAndKeepsWhatIsSaved) {
+  MemoryStateStore empty;
+  EXPECT_EQ(empty.load(), AgentState{});
+
+  MemoryStateStore store(fullState());
+  EXPECT_EQ(store.load(), fullState());
+  AgentState next;
+  next.cursor = 99;
+  store.save(next);
+  EXPECT_EQ(store.state(), next);
+  EXPECT_EQ(store.load(), next);
+}
+
+TEST(MemoryStateStoreTest, ReadersOnOtherThreadsSeeWholeStates) {
+  // Two states that differ in every field: a torn read would mix them.
+  AgentState a = fullState();
+  AgentState b;
+  b.cursor = 1;
+  b.backfilled.assign(100, "x");
+  b.lastError = std::string(1000, 'e');
+  MemoryStateStore store(a);
+
+  std::vector<std::thread> threads;
+  std::atomic<int> torn{0};
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 2000; ++i) store.save(i % 2 ? a : b);
+    });
+    threads.emplace_back([&] {
+      for (int i = 0; i < 2000; ++i) {
+        const AgentState seen = store.load();
+        if (seen != a && seen != b) ++torn;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(torn.load(), 0);
+}
+
+}  // namespace
+}  // namespace corvane
