@@ -32,12 +32,8 @@ TEST(ContactNameTest, TrimsPartsAndChoosesTheDisplayName) {
   }
 }
 
-TEST(ContactNameTest, EmptyPartsAreAbsent) {
-  const ContactName name("", "  ", "\u2028", "\u00A0");
-  EXPECT_EQ(name, ContactName());
-  EXPECT_EQ(name.firstName, std::nullopt);
-  EXPECT_EQ(name.organization, std::nullopt);
-
+TEST(ContactNameTest, StoresTrimmedPartsAndBlankOnesAsAbsent) {
+  EXPECT_EQ(ContactName("", "  ", "\u2028", "\u00A0"), ContactName());
   const ContactName alex(" Alex ", std::nullopt, " Al\n", std::nullopt);
   EXPECT_EQ(alex.firstName, "Alex");
   EXPECT_EQ(alex.nickname, "Al");

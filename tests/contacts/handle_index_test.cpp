@@ -54,22 +54,5 @@ TEST(HandleIndexTest, ShortNumbersMatchOnlyExactly) {
   EXPECT_EQ(index.get("+123456"), std::nullopt);
 }
 
-TEST(HandleIndexTest, EmptyIndexFindsNothing) {
-  const HandleIndex<int> index;
-  EXPECT_EQ(index.get("+14155550100"), std::nullopt);
-  EXPECT_EQ(index.get(""), std::nullopt);
-  EXPECT_EQ(index.count(), 0u);
-}
-
-TEST(HandleIndexTest, IsAValue) {
-  HandleIndex<int> a;
-  a.set("+14155550100", 1);
-  HandleIndex<int> b = a;
-  EXPECT_EQ(a, b);
-  b.set("+442079460000", 2);
-  EXPECT_NE(a, b);
-  EXPECT_EQ(a.get("+442079460000"), std::nullopt);
-}
-
 }  // namespace
 }  // namespace corvane
