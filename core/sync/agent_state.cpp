@@ -2,6 +2,8 @@
 
 #include <limits>
 
+#include "core/protocol/wire_json.h"
+
 namespace corvane {
 namespace {
 
@@ -64,12 +66,12 @@ void requireObject(const json& j) {
   if (!j.is_object()) throw json::type_error::create(302, "expected an object", &j);
 }
 
-const char* statusName(SendStatus status) { return status == SendStatus::sent ? "sent" : "failed"; }
-
+// The state file spells send statuses as the wire does.
 SendStatus statusFromName(const json& v) {
   const auto name = v.get<std::string>();
-  if (name == "sent") return SendStatus::sent;
-  if (name == "failed") return SendStatus::failed;
+  for (const SendStatus status : {SendStatus::sent, SendStatus::failed}) {
+    if (wireName(status) == name) return status;
+  }
   throw json::type_error::create(302, "unknown send status \"" + name + "\"", &v);
 }
 
@@ -85,7 +87,7 @@ void from_json(const json& j, SentText& value) {
 
 void to_json(json& j, const OutboxDone& value) {
   j = json{{"id", value.id},
-           {"status", statusName(value.status)},
+           {"status", std::string(wireName(value.status))},
            {"at", value.at},
            {"acked", value.acked}};
   writeOptional(j, "error", value.error);
