@@ -164,20 +164,22 @@ class SigpipeBlock {
   bool wasPending_ = false;
 };
 
-// Reads what is available now. Returns false once the stream is finished
-// (end of file or an error), closing it.
-bool readAvailable(Fd& fd, std::string& into) {
+// Reads what is available now, in at most `maxReads` reads, so a child that
+// writes without pause can't keep the runner from checking its deadline.
+// Closes the stream at end of file or on an error.
+void readAvailable(Fd& fd, std::string& into, int maxReads) {
   std::array<char, 64 * 1024> buf;
-  for (;;) {
+  for (int reads = 0; reads < maxReads;) {
     const ssize_t n = ::read(fd.get(), buf.data(), buf.size());
     if (n > 0) {
       into.append(buf.data(), static_cast<std::size_t>(n));
+      ++reads;
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
     fd.reset();
-    return false;
+    return;
   }
 }
 
@@ -250,6 +252,27 @@ std::string wholeSeconds(double seconds) {
   return std::to_string(static_cast<long long>(seconds));
 }
 
+OsascriptResult resultOf(int status, std::string outBytes, std::string errBytes,
+                         double timeoutSec) {
+  OsascriptResult result;
+  if (WIFEXITED(status)) {
+    result.code = WEXITSTATUS(status);
+  } else if (WIFSIGNALED(status)) {
+    result.code = WTERMSIG(status);
+  } else {
+    result.code = -1;
+  }
+  result.stdoutText = decodeAndTrim(std::move(outBytes));
+  std::string errText = isValidUTF8(errBytes) ? std::move(errBytes) : std::string();
+  // A kill at the limit is the expected way to die by a signal; the note is
+  // added before trimming, so it only starts a new line after other text.
+  if (WIFSIGNALED(status)) {
+    errText += "\nosascript timed out after " + wholeSeconds(timeoutSec) + "s";
+  }
+  result.stderrText = decodeAndTrim(std::move(errText));
+  return result;
+}
+
 OsascriptResult runChecked(const std::string& executable, std::string_view script,
                            const std::vector<std::string>& args, double timeoutSec) {
   Pipe in, out, err;
@@ -285,9 +308,10 @@ OsascriptResult runChecked(const std::string& executable, std::string_view scrip
     child.check();
     if (child.ended()) {
       // Everything the child wrote is in the pipes now; take it and stop,
-      // without waiting for descendants that may still hold the pipes.
-      if (out.read.isOpen()) readAvailable(out.read, outBytes);
-      if (err.read.isOpen()) readAvailable(err.read, errBytes);
+      // without waiting for descendants that may still hold the pipes. The
+      // bound is well beyond a pipe's capacity.
+      if (out.read.isOpen()) readAvailable(out.read, outBytes, 256);
+      if (err.read.isOpen()) readAvailable(err.read, errBytes, 256);
       break;
     }
     const auto now = Clock::now();
@@ -324,26 +348,12 @@ OsascriptResult runChecked(const std::string& executable, std::string_view scrip
       if (&fd == &in.write) {
         writeAvailable(fd, script, written);
       } else {
-        readAvailable(fd, &fd == &out.read ? outBytes : errBytes);
+        readAvailable(fd, &fd == &out.read ? outBytes : errBytes, 1);
       }
     }
   }
 
-  const int status = child.status();
-  OsascriptResult result;
-  if (WIFEXITED(status)) {
-    result.code = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
-    result.code = WTERMSIG(status);
-  } else {
-    result.code = -1;
-  }
-  result.stdoutText = decodeAndTrim(std::move(outBytes));
-  std::string errText = isValidUTF8(errBytes) ? std::move(errBytes) : std::string();
-  if (WIFSIGNALED(status))
-    errText += "\nosascript timed out after " + wholeSeconds(timeoutSec) + "s";
-  result.stderrText = decodeAndTrim(std::move(errText));
-  return result;
+  return resultOf(child.status(), std::move(outBytes), std::move(errBytes), timeoutSec);
 }
 
 bool containsAny(std::string_view haystack, std::initializer_list<std::string_view> needles) {

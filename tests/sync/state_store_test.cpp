@@ -189,14 +189,6 @@ TEST(FileStateStoreTest, CreatesMissingDirectoriesPrivateAndTheFilePrivate) {
   EXPECT_EQ(modeOf(tmp.path()), 0755u) << "an existing directory keeps its mode";
 }
 
-TEST(FileStateStoreTest, SaveLeavesOnlyTheStateFile) {
-  TempDir tmp;
-  FileStateStore store(tmp.path());
-  store.save(AgentState{});
-  store.save(fullState());
-  EXPECT_EQ(entriesOf(tmp.path()), std::set<std::string>{"state.json"});
-}
-
 TEST(FileStateStoreTest, LeftoverTemporaryFileFromACrashIsHarmless) {
   TempDir tmp;
   FileStateStore store(tmp.path());
