@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <iostream>
 #include <optional>
@@ -204,6 +205,8 @@ int run(const Options& options) {
   std::thread([&http, stopSignals] {
     int signal = 0;
     sigwait(&stopSignals, &signal);
+    // A stop() that comes before the accept loop runs would be lost.
+    while (!http.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     http.stop();
   }).detach();
   http.listen_after_bind();

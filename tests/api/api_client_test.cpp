@@ -1,0 +1,447 @@
+#include "core/api/api_client.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/protocol/wire_json.h"
+#include "tests/api/loopback_server.h"
+
+namespace corvane {
+namespace {
+
+using testing::LoopbackServer;
+using testing::RawServer;
+using testing::RecordedRequest;
+
+constexpr const char* kToken = "tok-SECRET-0123456789";
+constexpr const char* kUserAgent = "corvane-mac/9.8.7";
+
+APIClient clientFor(const std::string& server, std::optional<std::string> token = kToken) {
+  return APIClient(server, std::move(token), kUserAgent, std::chrono::milliseconds(5000));
+}
+
+// Runs `call`, which must throw APIError of `kind`; the error must never
+// reveal the token.
+APIError expectAPIError(const std::function<void()>& call, APIError::Kind kind) {
+  try {
+    call();
+  } catch (const APIError& e) {
+    EXPECT_EQ(e.kind(), kind) << e.what();
+    EXPECT_EQ(std::string(e.what()).find(kToken), std::string::npos) << e.what();
+    EXPECT_EQ(e.description(), e.what());
+    return e;
+  }
+  ADD_FAILURE() << "no APIError thrown";
+  return APIError::badResponse("none");
+}
+
+std::optional<std::string> header(const RecordedRequest& request, const std::string& name) {
+  const auto it = request.headers.find(name);
+  if (it == request.headers.end()) return std::nullopt;
+  return it->second;
+}
+
+TEST(APIClientTest, GetCarriesTokenButNoBodyOrContentType) {
+  const AgentConfig config{1, {"+15551234567"}, 30, 14, 60, {true, {"me@example.test"}}, "pro"};
+  LoopbackServer server(LoopbackServer::answer(200, encodeJSON(config)));
+  EXPECT_EQ(clientFor(server.url()).getConfig(), config);
+
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 1u);
+  const auto& r = requests[0];
+  EXPECT_EQ(r.method, "GET");
+  EXPECT_EQ(r.target, "/api/agent/config");
+  EXPECT_EQ(header(r, "Accept"), "application/json");
+  EXPECT_EQ(header(r, "User-Agent"), kUserAgent);
+  EXPECT_EQ(header(r, "X-Quoddle-Protocol"), "1");
+  EXPECT_EQ(header(r, "Authorization"), std::string("Bearer ") + kToken);
+  EXPECT_FALSE(header(r, "Content-Type"));
+  EXPECT_FALSE(header(r, "Expect"));
+  EXPECT_TRUE(r.body.empty());
+}
+
+TEST(APIClientTest, PairingPostCarriesJSONBodyButNoAuthorization) {
+  const PairResponse paired{"new-token", "dev-1", {}};
+  LoopbackServer server(LoopbackServer::answer(200, encodeJSON(paired)));
+  const PairRequest request{"ABC123", "Kim's Mac", "Linux 6.1.0", "mac-0.1.0"};
+  EXPECT_EQ(clientFor(server.url(), std::nullopt).pair(request), paired);
+
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 1u);
+  const auto& r = requests[0];
+  EXPECT_EQ(r.method, "POST");
+  EXPECT_EQ(r.target, "/api/agent/pair");
+  EXPECT_EQ(header(r, "Content-Type"), "application/json");
+  EXPECT_EQ(header(r, "X-Quoddle-Protocol"), "1");
+  EXPECT_FALSE(header(r, "Authorization"));
+  EXPECT_EQ(r.body, encodeJSON(request));
+}
+
+TEST(APIClientTest, HeadersGoOutInTheirOrder) {
+  RawServer server("HTTP/1.1 200 OK\r\nContent-Length: 12\r\nConnection: close\r\n\r\n"
+                   R"({"queued":1})");
+  clientFor(server.url()).postSelf({"g", "note", "2023-11-14T22:13:20.123Z"});
+  const std::string raw = server.request();
+  std::vector<std::size_t> positions;
+  for (const char* line : {"Accept: application/json\r\n", "User-Agent: corvane-mac/9.8.7\r\n",
+                           "X-Quoddle-Protocol: 1\r\n", "Authorization: Bearer ",
+                           "Content-Type: application/json\r\n"}) {
+    positions.push_back(raw.find(line));
+    EXPECT_NE(positions.back(), std::string::npos) << line << " missing in\n" << raw;
+  }
+  EXPECT_TRUE(std::is_sorted(positions.begin(), positions.end())) << raw;
+  EXPECT_TRUE(raw.starts_with("POST /api/agent/self HTTP/1.1\r\n")) << raw;
+}
+
+// Each call of the API: its method, path and answer record.
+TEST(APIClientTest, EveryCallUsesItsMethodPathAndAnswerType) {
+  const AgentConfig config{1, {}, 1, 2, 3, {false, {}}, "free"};
+  const SyncResponse synced{4, 1};
+  const OutboxResponse outbox{{{"i1", "+1555", "hello", OutboxItem::Kind::user}}};
+  const SelfMessageResponse queued{2};
+  const PairResponse paired{"t2", "dev-2", "Kim"};
+  LoopbackServer server([&](const httplib::Request& request, httplib::Response& response) {
+    std::string body = R"({"ok":true})";
+    if (request.path == "/api/agent/config") body = encodeJSON(config);
+    if (request.path == "/api/agent/sync") body = encodeJSON(synced);
+    if (request.path == "/api/agent/outbox") body = encodeJSON(outbox);
+    if (request.path == "/api/agent/self") body = encodeJSON(queued);
+    if (request.path == "/api/agent/pair") body = encodeJSON(paired);
+    response.set_content(body, "application/json");
+  });
+  APIClient client = clientFor(server.url());
+  AgentAPI& api = client;
+
+  const SyncRequest upload{{}, {{"g", "h", "t", true, "s", "iMessage", {}, {}, {}}}, 77};
+  const SelfMessageRequest note{"g9", "remember milk", "2023-11-14T22:13:20.123Z"};
+  const AgentStatusRequest report{"0.1.0", "Linux 6.1", true, PermissionState::unknown,
+                                  PermissionState::unknown, true, {}};
+  EXPECT_EQ(api.getConfig(), config);
+  EXPECT_EQ(api.sync(upload), synced);
+  EXPECT_EQ(api.getOutbox(), outbox);
+  api.ackOutbox("i1", {SendStatus::failed, "not delivered"});
+  EXPECT_EQ(api.postSelf(note), queued);
+  EXPECT_EQ(client.pair({"ABCD", "n", "p", "v"}), paired);
+  client.postStatus(report);
+
+  struct Expected {
+    const char* method;
+    const char* target;
+    std::string body;
+  };
+  const Expected expected[] = {
+      {"GET", "/api/agent/config", ""},
+      {"POST", "/api/agent/sync", encodeJSON(upload)},
+      {"GET", "/api/agent/outbox", ""},
+      {"POST", "/api/agent/outbox/i1", R"({"status":"failed","error":"not delivered"})"},
+      {"POST", "/api/agent/self", encodeJSON(note)},
+      {"POST", "/api/agent/pair", encodeJSON(PairRequest{"ABCD", "n", "p", "v"})},
+      {"POST", "/api/agent/status", encodeJSON(report)},
+  };
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), std::size(expected));
+  for (std::size_t i = 0; i < requests.size(); ++i) {
+    EXPECT_EQ(requests[i].method, expected[i].method) << i;
+    EXPECT_EQ(requests[i].target, expected[i].target) << i;
+    EXPECT_EQ(requests[i].body, expected[i].body) << i;
+  }
+}
+
+TEST(APIClientTest, AckPathEscapesEverythingButUnreservedCharacters) {
+  struct Case {
+    const char* id;
+    const char* path;
+  };
+  const Case cases[] = {
+      {"a b/c", "/api/agent/outbox/a%20b%2Fc"},
+      {"Az09-_.~", "/api/agent/outbox/Az09-_.~"},
+      {"100%?#&=+", "/api/agent/outbox/100%25%3F%23%26%3D%2B"},
+      {"é", "/api/agent/outbox/%C3%A9"},
+      {"", "/api/agent/outbox/"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(APIClient::ackPath(c.id), c.path) << c.id;
+
+  LoopbackServer server;
+  clientFor(server.url()).ackOutbox("a b/c", {SendStatus::sent, {}});
+  ASSERT_EQ(server.requests().size(), 1u);
+  EXPECT_EQ(server.requests()[0].target, "/api/agent/outbox/a%20b%2Fc");
+}
+
+TEST(APIClientTest, TrailingSlashOnServerGivesNoDoubleSlash) {
+  LoopbackServer server(LoopbackServer::answer(200, R"({"items":[]})"));
+  clientFor(server.url() + "/").getOutbox();
+  ASSERT_EQ(server.requests().size(), 1u);
+  EXPECT_EQ(server.requests()[0].target, "/api/agent/outbox");
+}
+
+TEST(APIClientTest, UntrustedServerFailsBeforeAnyTraffic) {
+  LoopbackServer server;
+  const std::string local = server.url();
+  struct Case {
+    std::string server;
+  };
+  const Case cases[] = {
+      {"http://example.test"},
+      {"ftp://127.0.0.1:" + std::to_string(server.port())},
+      {"HTTP" + local.substr(4)},  // not its own normal form
+      {local + "/api"},
+      {" " + local},
+      {local + "//"},
+      {""},
+  };
+  for (const auto& c : cases) {
+    const APIError e = expectAPIError([&] { clientFor(c.server).getConfig(); },
+                                      APIError::Kind::insecureServer);
+    EXPECT_EQ(e.description(),
+              "Refusing to talk to " + c.server + ": Corvane needs an https:// server.");
+    EXPECT_FALSE(e.isTransient());
+    EXPECT_FALSE(e.status());
+  }
+  EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(APIClientTest, ErrorAnswersBecomeHTTPErrorsWithTheBestDetail) {
+  const std::string longText(300, 'x');
+  // "é" straddles byte 200, so the 200-byte prefix is not valid UTF-8.
+  const std::string cutCharacter = std::string(199, 'y') + "é";
+  struct Case {
+    const char* name;
+    int status;
+    std::string body;
+    std::string contentType;
+    std::string expected;
+    bool transient;
+  };
+  const Case cases[] = {
+      {"HTML page", 503, "<html><body>down</body></html>", "text/html",
+       "GET /api/agent/outbox → 503: Service Unavailable", true},
+      {"error body with message", 400, R"({"error":"bad_code","message":"That code has expired"})",
+       "application/json", "GET /api/agent/outbox → 400: That code has expired", false},
+      {"error body without message", 409, R"({"error":"conflict"})", "application/json",
+       "GET /api/agent/outbox → 409: conflict", false},
+      {"error body of the wrong shape", 500, R"({"error":5})", "application/json",
+       R"(GET /api/agent/outbox → 500: {"error":5})", true},
+      {"plain text", 429, "slow down", "text/plain", "GET /api/agent/outbox → 429: slow down",
+       true},
+      {"long text", 502, longText, "text/plain",
+       "GET /api/agent/outbox → 502: " + longText.substr(0, 200), true},
+      {"text cut inside a character", 500, cutCharacter, "text/plain",
+       "GET /api/agent/outbox → 500: Internal Server Error", true},
+      {"not UTF-8", 504, "\xff\xfe\xfd", "application/octet-stream",
+       "GET /api/agent/outbox → 504: Gateway Timeout", true},
+      {"empty", 408, "", "text/plain", "GET /api/agent/outbox → 408: Request Timeout", true},
+      {"unregistered code", 599, "", "text/plain", "GET /api/agent/outbox → 599: Server Error",
+       true},
+      {"not found", 404, "", "text/plain", "GET /api/agent/outbox → 404: Not Found", false},
+      {"redirect is not followed", 302, "", "text/plain", "GET /api/agent/outbox → 302: Found",
+       false},
+  };
+  for (const auto& c : cases) {
+    LoopbackServer server(LoopbackServer::answer(c.status, c.body, c.contentType));
+    const APIError e =
+        expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::http);
+    EXPECT_EQ(e.description(), c.expected) << c.name;
+    EXPECT_EQ(e.status(), c.status) << c.name;
+    EXPECT_EQ(e.isTransient(), c.transient) << c.name;
+  }
+}
+
+TEST(APIClientTest, PairingErrorNamesThePostAndTheServerMessage) {
+  LoopbackServer server(LoopbackServer::answer(
+      400, R"({"error":"bad_code","message":"That code has expired"})"));
+  const APIError e = expectAPIError(
+      [&] { clientFor(server.url(), std::nullopt).pair({"ABCD", "n", "p", "v"}); },
+      APIError::Kind::http);
+  EXPECT_EQ(e.description(), "POST /api/agent/pair → 400: That code has expired");
+  EXPECT_EQ(e.status(), 400);
+  EXPECT_FALSE(e.isTransient());
+}
+
+TEST(APIClientTest, RedirectsAreNotFollowed) {
+  LoopbackServer elsewhere;
+  LoopbackServer server([&](const httplib::Request&, httplib::Response& response) {
+    response.set_redirect(elsewhere.url() + "/api/agent/config", 307);
+  });
+  expectAPIError([&] { clientFor(server.url()).getConfig(); }, APIError::Kind::http);
+  EXPECT_TRUE(elsewhere.requests().empty());
+}
+
+TEST(APIClientTest, UnauthorizedAnswers) {
+  const std::string revoked = "This Mac's device token was revoked or is invalid.";
+  struct Case {
+    std::string body;
+    std::string contentType;
+    std::string expected;
+  };
+  const Case cases[] = {
+      {"", "text/plain", revoked},
+      {R"({"error":"device revoked"})", "application/json", "Unauthorized: device revoked"},
+      {R"({"error":"x","message":"ignored here"})", "application/json", "Unauthorized: x"},
+      {R"({"message":"no error key"})", "application/json", revoked},
+      {"<html>401</html>", "text/html", revoked},
+  };
+  for (const auto& c : cases) {
+    LoopbackServer server(LoopbackServer::answer(401, c.body, c.contentType));
+    const APIError e =
+        expectAPIError([&] { clientFor(server.url()).getConfig(); }, APIError::Kind::unauthorized);
+    EXPECT_EQ(e.description(), c.expected) << c.body;
+    EXPECT_EQ(e.status(), 401);
+    EXPECT_FALSE(e.isTransient());
+  }
+}
+
+TEST(APIClientTest, UndecodableSuccessIsABadResponse) {
+  struct Case {
+    const char* name;
+    std::string body;
+    std::string reason;
+  };
+  const Case cases[] = {
+      {"config without plan",
+       R"({"protocolVersion":1,"rosterHandles":[],"backfillDays":1,"directoryDays":2,)"
+       R"("pollIntervalSec":3,"selfChannel":{"enabled":false,"handles":[]}})",
+       R"(key "plan": missing)"},
+      {"truncated", R"({"protocolVersion":1,"rosterHa)", "not valid JSON (syntax error at byte 31)"},
+      {"not JSON", "<html>hello</html>", "not valid JSON (syntax error at byte 1)"},
+      {"empty", "", "not valid JSON (the text is empty)"},
+      {"wrong type", R"({"protocolVersion":"1"})",
+       R"(key "protocolVersion": expected an integer, found a string)"},
+  };
+  for (const auto& c : cases) {
+    LoopbackServer server(LoopbackServer::answer(200, c.body));
+    const APIError e =
+        expectAPIError([&] { clientFor(server.url()).getConfig(); }, APIError::Kind::badResponse);
+    EXPECT_EQ(e.description(),
+              "GET /api/agent/config: unexpected response shape (" + c.reason + ")")
+        << c.name;
+    EXPECT_FALSE(e.isTransient());
+    EXPECT_FALSE(e.status());
+  }
+}
+
+TEST(APIClientTest, UnknownOutboxKindSpoilsTheWholeOutbox) {
+  LoopbackServer server(LoopbackServer::answer(
+      200, R"({"items":[{"id":"1","handle":"h","text":"t","kind":"user"},)"
+           R"({"id":"2","handle":"h","text":"t","kind":"broadcast"}]})"));
+  const APIError e =
+      expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::badResponse);
+  EXPECT_EQ(e.description(), "GET /api/agent/outbox: unexpected response shape "
+                             R"((key "items[1].kind": unknown value "broadcast"))");
+}
+
+TEST(APIClientTest, EmptySuccessBodyFailsAcks) {
+  LoopbackServer server(LoopbackServer::answer(204, ""));
+  const APIError e = expectAPIError(
+      [&] { clientFor(server.url()).ackOutbox("1", {SendStatus::sent, {}}); },
+      APIError::Kind::badResponse);
+  EXPECT_EQ(e.description(),
+            "POST /api/agent/outbox/1: unexpected response shape (not valid JSON (the text is "
+            "empty))");
+}
+
+TEST(APIClientTest, HugeAnswersAreRefused) {
+  const std::string huge(17 * 1024 * 1024, ' ');
+  const std::string expected =
+      "GET /api/agent/outbox: unexpected response shape (the answer is larger than 16 MiB)";
+  {
+    LoopbackServer server(LoopbackServer::answer(200, huge));
+    const APIError e =
+        expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::badResponse);
+    EXPECT_EQ(e.description(), expected);
+  }
+  {
+    // Chunked, so the size is only known while the body arrives.
+    LoopbackServer server([&](const httplib::Request&, httplib::Response& response) {
+      response.set_chunked_content_provider(
+          "application/json", [&](std::size_t offset, httplib::DataSink& sink) {
+            if (offset >= huge.size()) {
+              sink.done();
+            } else {
+              sink.write(huge.data() + offset, std::min<std::size_t>(1 << 20, huge.size() - offset));
+            }
+            return true;
+          });
+    });
+    const APIError e =
+        expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::badResponse);
+    EXPECT_EQ(e.description(), expected);
+  }
+}
+
+TEST(APIClientTest, RefusedConnectionIsATransientNetworkError) {
+  std::string url;
+  {
+    LoopbackServer closed;
+    url = closed.url();
+  }
+  const APIError e = expectAPIError([&] { clientFor(url).getConfig(); }, APIError::Kind::network);
+  EXPECT_TRUE(e.description().starts_with("Can't reach 127.0.0.1 (")) << e.what();
+  EXPECT_TRUE(e.description().ends_with(")")) << e.what();
+  EXPECT_TRUE(e.isTransient());
+  EXPECT_FALSE(e.status());
+}
+
+TEST(APIClientTest, SlowServerTimesOut) {
+  LoopbackServer* self = nullptr;
+  LoopbackServer server([&](const httplib::Request&, httplib::Response& response) {
+    self->waitForRelease();
+    response.set_content("{}", "application/json");
+  });
+  self = &server;
+  const APIError e = expectAPIError(
+      [&] {
+        APIClient(server.url(), kToken, kUserAgent, std::chrono::milliseconds(200)).getConfig();
+      },
+      APIError::Kind::network);
+  EXPECT_TRUE(e.description().starts_with("Can't reach 127.0.0.1 (")) << e.what();
+  EXPECT_NE(e.description().find("timed out"), std::string::npos) << e.what();
+  EXPECT_TRUE(e.isTransient());
+}
+
+TEST(APIClientTest, BrokenHTTPAnswersAreNetworkErrors) {
+  const char* replies[] = {
+      "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"items\":[]}",  // cut short
+      "hello, this is not HTTP\r\n",
+      "",  // closes without a word
+  };
+  for (const char* reply : replies) {
+    RawServer server(reply);
+    const APIError e =
+        expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::network);
+    EXPECT_TRUE(e.description().starts_with("Can't reach 127.0.0.1 (")) << e.what();
+    EXPECT_TRUE(e.isTransient());
+  }
+}
+
+TEST(APIClientTest, LineBreaksInTheTokenCannotAddHeaders) {
+  LoopbackServer server(LoopbackServer::answer(200, R"({"items":[]})"));
+  clientFor(server.url(), "abc\r\nX-Injected: 1").getOutbox();
+  ASSERT_EQ(server.requests().size(), 1u);
+  EXPECT_FALSE(header(server.requests()[0], "X-Injected"));
+  EXPECT_EQ(header(server.requests()[0], "Authorization"), "Bearer abcX-Injected: 1");
+}
+
+TEST(APIClientTest, OneClientServesSeveralThreadsAtOnce) {
+  LoopbackServer server(LoopbackServer::answer(200, R"({"accepted":1,"dropped":0})"));
+  APIClient client = clientFor(server.url());
+  std::atomic<int> succeeded{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 6; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 5; ++i) {
+        if (client.sync({{}, {}, i}) == SyncResponse{1, 0}) ++succeeded;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(succeeded.load(), 30);
+  EXPECT_EQ(server.requests().size(), 30u);
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,78 @@
+#include "core/protocol/connect_link.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+namespace corvane {
+namespace {
+
+TEST(ConnectLinkTest, ParsesLinksTheWebsiteHandsOut) {
+  struct Case {
+    const char* url;
+    std::optional<ConnectLink> expected;
+  };
+  const Case cases[] = {
+      {"corvane://connect?code=%20ABC123%20&server=http://evil.test", ConnectLink{"ABC123", {}}},
+      {"CORVANE://Connect?code=abcd", ConnectLink{"abcd", {}}},
+      {"corvane:connect?code=abcd", ConnectLink{"abcd", {}}},
+      {"corvane:/connect/?code=abcd", ConnectLink{"abcd", {}}},
+      {"corvane://connect?server=https%3A%2F%2FExample.test%2Fapp%3Fx%3D1&code=Ab12",
+       ConnectLink{"Ab12", "https://Example.test"}},
+      {"corvane://connect?code=abcd&server=http%3A%2F%2Flocalhost%3A8787",
+       ConnectLink{"abcd", "http://localhost:8787"}},
+      {"corvane://connect?code=abcd&server=not%20a%20url", ConnectLink{"abcd", {}}},
+      {"corvane://connect?code=first&code=second", ConnectLink{"first", {}}},
+      {"corvane://connect?code=a%26b%3Dc", ConnectLink{"a&b=c", {}}},
+      {"corvane://connect?code=a+bc", ConnectLink{"a+bc", {}}},
+      {"corvane://connect?code=%F0%9F%91%8D%F0%9F%8F%BDabc", ConnectLink{"👍🏽abc", {}}},
+      {"corvane://pair?code=abcd", std::nullopt},
+      {"corvane://connect/extra?code=abcd", ConnectLink{"abcd", {}}},
+      {"https://connect?code=abcd", std::nullopt},
+      {"corvane://connect", std::nullopt},
+      {"corvane://connect?server=https%3A%2F%2Fexample.test", std::nullopt},
+      {"corvane://connect?code=%20%20%20%20%20", std::nullopt},
+      {"not a link", std::nullopt},
+  };
+  for (const auto& c : cases) EXPECT_EQ(ConnectLink::parse(c.url), c.expected) << c.url;
+}
+
+TEST(ConnectLinkTest, CodeMustBeFourToSixteenCharacters) {
+  struct Case {
+    std::string code;
+    bool accepted;
+  };
+  const Case cases[] = {
+      {"abc", false},
+      {"abcd", true},
+      {std::string(16, 'x'), true},
+      {std::string(17, 'x'), false},
+      {"  abc  ", false},
+      // Four characters as a user sees them, though eight code points.
+      {"%F0%9F%91%8D%F0%9F%8F%BD%F0%9F%91%8D%F0%9F%8F%BDab", true},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ConnectLink::parse("corvane://connect?code=" + c.code).has_value(), c.accepted)
+        << c.code;
+  }
+}
+
+TEST(ConnectLinkTest, MakeEscapesEverythingButTheLinkSafeSet) {
+  EXPECT_EQ(ConnectLink::make("AB 12", "https://example.test"),
+            "corvane://connect?code=AB%2012&server=https%3A%2F%2Fexample.test");
+  EXPECT_EQ(ConnectLink::make("a-_.!~*'()z", "x&y=z"),
+            "corvane://connect?code=a-_.!~*'()z&server=x%26y%3Dz");
+  EXPECT_EQ(ConnectLink::make("é", ""), "corvane://connect?code=%C3%A9&server=");
+}
+
+TEST(ConnectLinkTest, MadeLinksParseBack) {
+  for (const char* code : {"ABC123", "a b&c=d", "(x)!*~'"}) {
+    const auto link = ConnectLink::parse(ConnectLink::make(code, "https://example.test:8443"));
+    ASSERT_TRUE(link) << code;
+    EXPECT_EQ(*link, (ConnectLink{code, "https://example.test:8443"}));
+  }
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,242 @@
+#include "core/protocol/wire_json.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+namespace corvane {
+namespace {
+
+SyncedMessage plainMessage() {
+  return {"g1", "+15551234567", "hi", false, "2023-11-14T22:13:20.123Z", "iMessage", {}, {}, {}};
+}
+
+DirectoryEntry fullEntry() {
+  return {"alex@example.test", "Alex A", "Alex", "A", "Al", "iMessage",
+          "2023-11-14T22:13:20.123Z", true, 12};
+}
+
+TEST(WireJSONTest, EncodesKeysInDeclaredOrderWithNullOrOmittedOptionals) {
+  struct Case {
+    const char* name;
+    std::string encoded;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {"message without reaction or reply", encodeJSON(plainMessage()),
+       R"({"guid":"g1","handle":"+15551234567","text":"hi","isFromMe":false,)"
+       R"("sentAt":"2023-11-14T22:13:20.123Z","service":"iMessage","attachments":[],)"
+       R"("reaction":null,"replyToGuid":null})"},
+      {"message with everything",
+       encodeJSON(SyncedMessage{"g2", "h", "t", true, "s", "SMS",
+                                {AttachmentKind::image, AttachmentKind::file}, "Loved", "g1"}),
+       R"({"guid":"g2","handle":"h","text":"t","isFromMe":true,"sentAt":"s","service":"SMS",)"
+       R"("attachments":["image","file"],"reaction":"Loved","replyToGuid":"g1"})"},
+      {"directory entry without names",
+       encodeJSON(DirectoryEntry{"+1555", {}, {}, {}, {}, "SMS", "t", false, 3}),
+       R"({"handle":"+1555","displayName":null,"firstName":null,"lastName":null,)"
+       R"("nickname":null,"service":"SMS","lastMessageAt":"t","lastFromMe":false,)"
+       R"("messageCount":3})"},
+      {"successful ack", encodeJSON(OutboxAck{SendStatus::sent, {}}),
+       R"({"status":"sent","error":null})"},
+      {"failed ack", encodeJSON(OutboxAck{SendStatus::failed, "not delivered"}),
+       R"({"status":"failed","error":"not delivered"})"},
+      {"status without own handles",
+       encodeJSON(AgentStatusRequest{"0.1.0", "macOS 14.5", true, PermissionState::granted,
+                                     PermissionState::denied, false, {}}),
+       R"({"appVersion":"0.1.0","osVersion":"macOS 14.5","fullDiskAccess":true,)"
+       R"("contactsAccess":"granted","automationAccess":"denied","messagesReady":false})"},
+      {"status with own handles",
+       encodeJSON(AgentStatusRequest{"0.1.0", "macOS 14.5", false, PermissionState::unknown,
+                                     PermissionState::unknown, true,
+                                     std::vector<std::string>{"me@example.test"}}),
+       R"({"appVersion":"0.1.0","osVersion":"macOS 14.5","fullDiskAccess":false,)"
+       R"("contactsAccess":"unknown","automationAccess":"unknown","messagesReady":true,)"
+       R"("ownHandles":["me@example.test"]})"},
+      {"pair response without user name", encodeJSON(PairResponse{"tok", "dev-1", {}}),
+       R"({"token":"tok","deviceId":"dev-1"})"},
+      {"config",
+       encodeJSON(AgentConfig{1, {"+1555"}, 30, 14, 60, {true, {"me@example.test"}}, "pro"}),
+       R"({"protocolVersion":1,"rosterHandles":["+1555"],"backfillDays":30,)"
+       R"("directoryDays":14,"pollIntervalSec":60,)"
+       R"("selfChannel":{"enabled":true,"handles":["me@example.test"]},"plan":"pro"})"},
+      {"sync request", encodeJSON(SyncRequest{{}, {}, 42}),
+       R"({"directory":[],"messages":[],"cursor":42})"},
+      {"outbox item", encodeJSON(OutboxItem{"i1", "h", "t", OutboxItem::Kind::assistant}),
+       R"({"id":"i1","handle":"h","text":"t","kind":"assistant"})"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c.encoded, c.expected) << c.name;
+}
+
+template <class T>
+void expectRoundTrip(const T& value) {
+  EXPECT_EQ(decodeJSON<T>(encodeJSON(value)), value) << encodeJSON(value);
+}
+
+TEST(WireJSONTest, EveryRecordDecodesWhatItEncodes) {
+  expectRoundTrip(PairRequest{"ABC123", "Kim's Mac", "macOS 14.5", "mac-0.1.0"});
+  expectRoundTrip(PairResponse{"tok", "dev-1", "Kim"});
+  expectRoundTrip(PairResponse{"tok", "dev-1", {}});
+  expectRoundTrip(AgentConfig{1, {"+1555", "a@b.test"}, 30, 14, 60, {true, {"me"}}, "free"});
+  expectRoundTrip(fullEntry());
+  expectRoundTrip(SyncRequest{{fullEntry()},
+                              {plainMessage(),
+                               SyncedMessage{"g2", "h", "t\n\"q\" ✓", true, "s", "SMS",
+                                             {AttachmentKind::video, AttachmentKind::audio,
+                                              AttachmentKind::sticker},
+                                             "Liked", "g1"}},
+                              9007199254740993});
+  expectRoundTrip(SyncResponse{5, 2});
+  expectRoundTrip(OutboxResponse{{{"1", "h", "t", OutboxItem::Kind::user},
+                                  {"2", "me", "reply", OutboxItem::Kind::assistant}}});
+  expectRoundTrip(OutboxAck{SendStatus::failed, "timeout"});
+  expectRoundTrip(SelfMessageRequest{"g", "note", "2023-11-14T22:13:20.123Z"});
+  expectRoundTrip(SelfMessageResponse{3});
+  expectRoundTrip(AgentStatusRequest{"1", "Linux 6.1", true, PermissionState::denied,
+                                     PermissionState::granted, true,
+                                     std::vector<std::string>{}});
+  expectRoundTrip(ErrorBody{"bad_code", "That code has expired"});
+}
+
+TEST(WireJSONTest, MissingOrNullOptionalsDecodeAsAbsent) {
+  const auto entry = decodeJSON<DirectoryEntry>(
+      R"({"handle":"h","displayName":null,"service":"SMS","lastMessageAt":"t",)"
+      R"("lastFromMe":false,"messageCount":1})");
+  EXPECT_FALSE(entry.displayName);
+  EXPECT_FALSE(entry.firstName);
+
+  const auto status = decodeJSON<AgentStatusRequest>(
+      R"({"appVersion":"1","osVersion":"x","fullDiskAccess":true,"contactsAccess":"granted",)"
+      R"("automationAccess":"unknown","messagesReady":true,"ownHandles":null})");
+  EXPECT_FALSE(status.ownHandles);
+
+  EXPECT_EQ(decodeJSON<ErrorBody>("{}"), ErrorBody{});
+  EXPECT_EQ(decodeJSON<OutboxAck>(R"({"status":"sent"})"), (OutboxAck{SendStatus::sent, {}}));
+}
+
+TEST(WireJSONTest, MessageWithoutAttachmentsKeyHasNone) {
+  for (const char* attachments : {"", R"(,"attachments":null)", R"(,"attachments":[])"}) {
+    const std::string text = std::string(R"({"guid":"g","handle":"h","text":"t","isFromMe":true,)"
+                                         R"("sentAt":"s","service":"iMessage")") +
+                             attachments + "}";
+    const auto message = decodeJSON<SyncedMessage>(text);
+    EXPECT_TRUE(message.attachments.empty()) << text;
+    EXPECT_FALSE(message.reaction) << text;
+  }
+}
+
+TEST(WireJSONTest, UnknownKeysAreIgnored) {
+  const auto answer = decodeJSON<SelfMessageResponse>(R"({"queued":2,"note":{"x":[1,2]}})");
+  EXPECT_EQ(answer.queued, 2);
+  const auto config = decodeJSON<AgentConfig>(
+      R"({"protocolVersion":1,"rosterHandles":[],"backfillDays":1,"directoryDays":2,)"
+      R"("pollIntervalSec":3,"selfChannel":{"enabled":false,"handles":[],"extra":1},)"
+      R"("plan":"p","future":true})");
+  EXPECT_EQ(config.plan, "p");
+}
+
+// Decoding failures must say which key and why: the text ends up in the
+// "unexpected response shape (...)" message a user or developer reads.
+TEST(WireJSONTest, DecodingFailuresNameTheKeyAndTheReason) {
+  const std::string config =
+      R"({"protocolVersion":1,"rosterHandles":["a"],"backfillDays":1,"directoryDays":2,)"
+      R"("pollIntervalSec":3,"selfChannel":{"enabled":true,"handles":[]})";
+  struct Case {
+    const char* name;
+    std::function<void()> decode;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {"missing required key", [&] { decodeJSON<AgentConfig>(config + "}"); },
+       R"(key "plan": missing)"},
+      {"null required key", [&] { decodeJSON<AgentConfig>(config + R"(,"plan":null})"); },
+       R"(key "plan": null, but a value is required)"},
+      {"wrong type in nested object",
+       [] {
+         decodeJSON<AgentConfig>(
+             R"({"protocolVersion":1,"rosterHandles":[],"backfillDays":1,"directoryDays":2,)"
+             R"("pollIntervalSec":3,"selfChannel":{"enabled":"yes","handles":[]},"plan":"p"})");
+       },
+       R"(key "selfChannel.enabled": expected a boolean, found a string)"},
+      {"wrong type in array",
+       [] {
+         decodeJSON<AgentConfig>(
+             R"({"protocolVersion":1,"rosterHandles":["a",7],"backfillDays":1,)"
+             R"("directoryDays":2,"pollIntervalSec":3,"selfChannel":{"enabled":true,)"
+             R"("handles":[]},"plan":"p"})");
+       },
+       R"(key "rosterHandles[1]": expected a string, found a number)"},
+      {"unknown outbox kind",
+       [] {
+         decodeJSON<OutboxResponse>(R"({"items":[{"id":"1","handle":"h","text":"t","kind":"user"},)"
+                                    R"({"id":"2","handle":"h","text":"t","kind":"robot"}]})");
+       },
+       R"(key "items[1].kind": unknown value "robot")"},
+      {"unknown attachment kind",
+       [] {
+         decodeJSON<SyncedMessage>(R"({"guid":"g","handle":"h","text":"t","isFromMe":true,)"
+                                   R"("sentAt":"s","service":"x","attachments":["gif"]})");
+       },
+       R"(key "attachments[0]": unknown value "gif")"},
+      {"unknown send status", [] { decodeJSON<OutboxAck>(R"({"status":"maybe"})"); },
+       R"(key "status": unknown value "maybe")"},
+      {"unknown permission state",
+       [] {
+         decodeJSON<AgentStatusRequest>(
+             R"({"appVersion":"1","osVersion":"x","fullDiskAccess":true,)"
+             R"("contactsAccess":"Granted","automationAccess":"unknown","messagesReady":true})");
+       },
+       R"(key "contactsAccess": unknown value "Granted")"},
+      {"fraction where an integer belongs",
+       [] { decodeJSON<SyncResponse>(R"({"accepted":1.5,"dropped":0})"); },
+       R"(key "accepted": expected an integer, found the number 1.5)"},
+      {"integer beyond 64 bits",
+       [] { decodeJSON<SyncResponse>(R"({"accepted":18446744073709551615,"dropped":0})"); },
+       R"(key "accepted": the number 18446744073709551615 is too large)"},
+      {"array instead of object", [] { decodeJSON<OutboxResponse>("[]"); },
+       "expected an object, found an array"},
+      {"truncated JSON", [] { decodeJSON<OutboxResponse>(R"({"items":[)"); },
+       "not valid JSON (syntax error at byte 11)"},
+      {"empty text", [] { decodeJSON<IgnoredBody>(""); }, "not valid JSON (the text is empty)"},
+      {"invalid UTF-8 inside a string",
+       [] { decodeJSON<SelfMessageResponse>("{\"x\":\"\xff\",\"queued\":1}"); },
+       "not valid JSON (syntax error at byte 7)"},
+  };
+  for (const auto& c : cases) {
+    try {
+      c.decode();
+      ADD_FAILURE() << c.name << ": decoded";
+    } catch (const DecodingError& e) {
+      EXPECT_STREQ(e.what(), c.expected) << c.name;
+    }
+  }
+}
+
+TEST(WireJSONTest, IntegersWrittenAsWholeFloatsAreAccepted) {
+  EXPECT_EQ(decodeJSON<SyncResponse>(R"({"accepted":3.0,"dropped":-2})"), (SyncResponse{3, -2}));
+}
+
+TEST(WireJSONTest, IgnoredBodyAcceptsAnyJSONValue) {
+  for (const char* text : {"{}", "[]", "null", "17", R"("ok")", R"({"ok":true})"}) {
+    EXPECT_NO_THROW(decodeJSON<IgnoredBody>(text)) << text;
+  }
+}
+
+TEST(WireJSONTest, InvalidUTF8IsReplacedRatherThanFailingTheEncoding) {
+  SelfMessageRequest note{"g", "ab\xff" "cd", "s"};
+  std::string encoded;
+  ASSERT_NO_THROW(encoded = encodeJSON(note));
+  EXPECT_EQ(decodeJSON<SelfMessageRequest>(encoded).text, "ab\xEF\xBF\xBD" "cd");
+}
+
+TEST(WireJSONTest, NestedErrorKeepsReasonAndBuildsThePath) {
+  const DecodingError inner("kind", "unknown value \"x\"");
+  const DecodingError outer = inner.nestedIn("[4]").nestedIn("items");
+  EXPECT_EQ(outer.key(), "items[4].kind");
+  EXPECT_EQ(outer.reason(), inner.reason());
+  EXPECT_EQ(DecodingError("", "bad").nestedIn("plan").key(), "plan");
+}
+
+}  // namespace
+}  // namespace corvane
