@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "core/chatdb/sqlite_db.h"
+#include "core/contacts/contact_book.h"
 #include "core/protocol/wire_types.h"
 
 namespace corvane {
@@ -73,6 +74,36 @@ class ChatDB {
   // Chat ROWID → the roster handle that chat belongs to.
   using ChatMap = std::map<std::int64_t, std::string>;
 
+  // A chat with exactly one handle that is not a group (style 43).
+  struct OneToOneChat {
+    std::int64_t chatId = 0;
+    std::int64_t handleRowId = 0;
+    std::string rawHandle;              // as stored
+    std::optional<std::string> handle;  // normalised
+    std::optional<std::string> service;
+    bool operator==(const OneToOneChat&) const = default;
+  };
+
+  // A row of the user's notes-to-self chats.
+  struct SelfRow {
+    std::int64_t rowid = 0;
+    std::string guid;
+    std::string text;
+    bool isFromMe = false;
+    std::int64_t sentAtMs = 0;
+    std::int64_t error = 0;
+    bool operator==(const SelfRow&) const = default;
+  };
+
+  // A row the user sent, for confirming that a send went out.
+  struct OutgoingRow {
+    std::int64_t rowid = 0;
+    std::string text;
+    std::int64_t error = 0;
+    std::optional<std::string> service;
+    bool operator==(const OutgoingRow&) const = default;
+  };
+
   // Opens `path` read-only and checks it can be read. Throws OpenError.
   ChatDB(std::string path, std::optional<std::string> region);
   ChatDB(const ChatDB&) = delete;
@@ -103,11 +134,44 @@ class ChatDB {
   std::vector<ExtractedMessage> messagesSince(const ChatMap& chats, std::int64_t sinceMs,
                                               std::int64_t upTo);
 
+  // Every one-to-one chat; several may share a handle (iMessage and SMS).
+  std::vector<OneToOneChat> oneToOneChats();
+  // Chat id → roster handle for the chats of `handles`: exact matches first,
+  // then phone numbers on their last ten digits. Reads oneToOneChats() when
+  // `chats` is not given.
+  ChatMap chatsForHandles(const std::vector<std::string>& handles,
+                          const std::optional<std::vector<OneToOneChat>>& chats = std::nullopt);
+  // One entry per correspondent active since `sinceMs`, newest first, with
+  // names from `contacts`; handles in `exclude` are left out.
+  std::vector<DirectoryEntry> buildDirectory(std::int64_t sinceMs, const ContactBook& contacts,
+                                             const std::set<std::string>& exclude);
+
+  // The user's own addresses and numbers seen since `sinceMs`, at most `max`.
+  std::vector<std::string> ownHandles(std::int64_t sinceMs, int max);
+  // Plausible, normalised, distinct handles from raw account values, in order.
+  static std::vector<std::string> ownHandles(const std::vector<std::string>& values,
+                                             const std::optional<std::string>& region, int max);
+  // ownHandles of the database at `path`; absent when it can't be read.
+  static std::optional<std::vector<std::string>> detectOwnHandles(
+      const std::string& path, const std::optional<std::string>& region,
+      std::int64_t lookbackDays, std::int64_t now);
+  // Texts of the given chats with cursor < ROWID <= upTo, each message once.
+  std::vector<SelfRow> selfRows(const std::vector<std::int64_t>& chatIds, std::int64_t cursor,
+                                std::int64_t upTo);
+  // Rows sent from this account after `rowid`, including ones without text.
+  std::vector<OutgoingRow> outgoingAfter(std::int64_t rowid);
+
   // The message statement with `where` spliced in, and the attachment
   // statement for `count` ids, exactly as extraction runs them (benchmarks
   // step the same text).
   std::string messageSQL(const std::string& where) const;
   std::string attachmentSQL(std::size_t count) const;
+  // The directory's statements, as buildDirectory runs them.
+  std::string oneToOneChatsSQL() const;
+  static std::string directoryAggregateSQL();
+  std::string latestMessageSQL() const;
+  static std::string ownHandlesSQL(const std::string& column);
+  std::string outgoingSQL() const;
 
   static Access checkAccess(const std::string& path);
   // The error for a failed stat of `path` with `err` (an errno value).

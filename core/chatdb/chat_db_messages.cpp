@@ -3,6 +3,7 @@
 #include <array>
 
 #include "core/chatdb/chat_db.h"
+#include "core/chatdb/row_reading.h"
 #include "core/chatdb/typed_stream.h"
 #include "core/protocol/iso_time.h"
 #include "core/text/unicode.h"
@@ -17,15 +18,10 @@ constexpr std::size_t kServiceMax = 20;
 constexpr const char* kDefaultService = "iMessage";
 constexpr std::string_view kObjectReplacement = "\xEF\xBF\xBC";  // U+FFFC
 
-std::string placeholders(std::size_t count) {
-  std::string out;
-  out.reserve(count * 2);
-  for (std::size_t i = 0; i < count; ++i) out += i ? ",?" : "?";
-  return out;
-}
+using rows::isNonZeroInteger;
+using rows::placeholders;
 
 bool isInt(const SQLValue& v) { return v.kind() == SQLValue::Kind::integer; }
-bool isNonZeroInt(const SQLValue& v) { return isInt(v) && *v.int64() != 0; }
 
 // Column positions of the message statement, resolved once per result.
 struct MessageColumns {
@@ -221,13 +217,13 @@ std::vector<ChatDB::ExtractedMessage> ChatDB::extract(const ChatMap& chats,
     if (chat == chats.end()) return;
     auto guid = row.at(col->guid).string();
     if (!guid || guid->empty()) return;
-    if (isNonZeroInt(row.at(col->itemType))) return;
+    if (isNonZeroInteger(row.at(col->itemType))) return;
 
     std::string text = extractMessageText(row.at(col->text), row.at(col->body));
     std::optional<std::string> reaction;
     std::optional<std::string> replyTarget;
     const SQLValue& amt = row.at(col->amt);
-    const bool isReaction = isNonZeroInt(amt);
+    const bool isReaction = isNonZeroInteger(amt);
     if (isReaction) {
       reaction = reactionWord(*amt.int64());
       if (!reaction) return;
@@ -282,7 +278,7 @@ std::map<std::int64_t, std::vector<AttachmentKind>> ChatDB::attachmentsFor(
       if (!isInt(mid)) return;
       const auto kind = attachmentKind(row["mime_type"].string(), row["uti"].string(),
                                        row["transfer_name"].string(),
-                                       isNonZeroInt(row["is_sticker"]));
+                                       isNonZeroInteger(row["is_sticker"]));
       if (kind) kinds[*mid.int64()].push_back(*kind);
     });
   }

@@ -1,0 +1,227 @@
+#include <gtest/gtest.h>
+
+#include "core/chatdb/chat_db.h"
+#include "core/protocol/iso_time.h"
+#include "tests/support/chat_db_builder.h"
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+using testing::ChatDbBuilder;
+using testing::ChatDbSchema;
+using testing::MessageSpec;
+using testing::TempDir;
+
+const std::string kO2O =
+    "  o2o AS (\n    SELECT c.ROWID AS chat_id, MIN(chj.handle_id) AS handle_rowid\n    FROM chat "
+    "c\n    JOIN chat_handle_join chj ON chj.chat_id = c.ROWID\n    GROUP BY c.ROWID\n    HAVING "
+    "COUNT(DISTINCT chj.handle_id) = 1 AND COALESCE(c.style, 45) != 43\n  )";
+const std::string kDate =
+    "(CASE WHEN m.date IS NULL OR m.date = 0 THEN NULL WHEN m.date > 100000000000 THEN m.date / "
+    "1000000 + 978307200000 ELSE m.date * 1000 + 978307200000 END)";
+
+constexpr std::int64_t kDay = 86400000;
+constexpr std::int64_t kNow = 1700000000000;
+
+class DirectoryTest : public ::testing::Test {
+ protected:
+  explicit DirectoryTest(ChatDbSchema schema = ChatDbSchema::full())
+      : builder(dir.file("chat.db"), std::move(schema)) {}
+
+  ChatDB& open(std::optional<std::string> region = "US") {
+    db = std::make_unique<ChatDB>(builder.path(), std::move(region));
+    db->setStatementObserver([this](const std::string& sql) { statements.push_back(sql); });
+    statements.clear();
+    return *db;
+  }
+
+  TempDir dir;
+  ChatDbBuilder builder;
+  std::unique_ptr<ChatDB> db;
+  std::vector<std::string> statements;
+};
+
+TEST_F(DirectoryTest, StatementTextsForAFullSchema) {
+  ChatDB& db = open();
+  EXPECT_EQ(db.oneToOneChatsSQL(),
+            "WITH " + kO2O +
+                "\nSELECT o.chat_id AS chatId, o.handle_rowid AS handleRowId, h.id AS rawHandle,\n"
+                "       h.country AS country, c.service_name AS service\nFROM o2o o JOIN handle h "
+                "ON h.ROWID = o.handle_rowid JOIN chat c ON c.ROWID = o.chat_id");
+  EXPECT_EQ(ChatDB::directoryAggregateSQL(),
+            "WITH " + kO2O + "\nSELECT o.chat_id AS chatId, COUNT(m.ROWID) AS cnt, MAX(" + kDate +
+                ") AS lastMs\nFROM o2o o\nJOIN chat_message_join cmj ON cmj.chat_id = o.chat_id\n"
+                "JOIN message m ON m.ROWID = cmj.message_id\nWHERE COALESCE(m.item_type, 0) = 0 AND "
+                "COALESCE(m.associated_message_type, 0) = 0\nGROUP BY o.chat_id\nHAVING lastMs >= ?");
+  EXPECT_EQ(db.latestMessageSQL(),
+            "SELECT m.is_from_me AS fromMe, m.service AS service\nFROM chat_message_join cmj JOIN "
+            "message m ON m.ROWID = cmj.message_id\nWHERE cmj.chat_id = ? AND "
+            "COALESCE(m.item_type, 0) = 0 AND COALESCE(m.associated_message_type, 0) = 0\nORDER BY "
+            "m.date DESC, m.ROWID DESC LIMIT 1");
+  EXPECT_EQ(ChatDB::ownHandlesSQL("account"),
+            "SELECT DISTINCT m.account AS v FROM message m\nWHERE m.date >= ? AND m.account IS NOT "
+            "NULL AND m.account != ''");
+  EXPECT_EQ(db.outgoingSQL(),
+            "SELECT m.ROWID AS rowid, m.text AS text, m.attributedBody AS attributedBody, m.error "
+            "AS error, m.service AS service\nFROM message m WHERE m.ROWID > ? AND m.is_from_me = 1 "
+            "ORDER BY m.ROWID");
+}
+
+class MinimalDirectoryTest : public DirectoryTest {
+ protected:
+  MinimalDirectoryTest() : DirectoryTest(ChatDbSchema::minimal()) {}
+};
+
+TEST_F(MinimalDirectoryTest, StatementTextsSpliceNullForMissingColumns) {
+  ChatDB& db = open();
+  EXPECT_NE(db.oneToOneChatsSQL().find("\n       NULL AS country, c.service_name AS service\n"),
+            std::string::npos);
+  EXPECT_EQ(db.latestMessageSQL().substr(0, 51),
+            "SELECT m.is_from_me AS fromMe, NULL AS service\nFROM");
+  EXPECT_EQ(db.outgoingSQL(),
+            "SELECT m.ROWID AS rowid, m.text AS text, NULL AS attributedBody, NULL AS error, NULL "
+            "AS service\nFROM message m WHERE m.ROWID > ? AND m.is_from_me = 1 ORDER BY m.ROWID");
+}
+
+TEST_F(MinimalDirectoryTest, OneToOneChatsUseTheDatabaseRegion) {
+  const auto chat = builder.oneToOne("0612345678");
+  ChatDB& db = open("FR");
+  EXPECT_EQ(db.oneToOneChats(),
+            (std::vector<ChatDB::OneToOneChat>{{chat, 1, "0612345678", "+33612345678", "iMessage"}}));
+}
+
+TEST_F(DirectoryTest, OnlySingleHandleNonGroupChatsAreOneToOne) {
+  const auto alex = builder.handle("(415) 555-0100");
+  const auto sam = builder.handle("Sam@Example.ORG");
+  const auto pat = builder.handle("0612345678", "fr");
+  const auto alexChat = builder.chat({alex});
+  const auto samChat = builder.chat({sam}, std::nullopt, "SMS");
+  const auto patChat = builder.chat({pat});
+  builder.chat({alex, sam});               // two handles: a group
+  builder.chat({sam}, 43);                 // style 43: a named group with one member left
+  builder.chat({}, 45);                    // no handle at all
+  ChatDB& db = open();
+  const auto chats = db.oneToOneChats();
+  ASSERT_EQ(chats.size(), 3u);
+  EXPECT_EQ(chats[0], (ChatDB::OneToOneChat{alexChat, alex, "(415) 555-0100", "+14155550100", "iMessage"}));
+  EXPECT_EQ(chats[1], (ChatDB::OneToOneChat{samChat, sam, "Sam@Example.ORG", "sam@example.org", "SMS"}));
+  EXPECT_EQ(chats[2].chatId, patChat);
+  EXPECT_EQ(chats[2].handle, "+33612345678") << "the handle's own country wins over the region";
+}
+
+TEST_F(DirectoryTest, ChatsForHandlesMatchExactlyThenOnLastTenDigits) {
+  const auto plain = builder.oneToOne("4155550100");
+  const auto sms = builder.oneToOne("+1 415 555 0100", "SMS");
+  const auto foreign = builder.oneToOne("(415) 555-0100", "SMS", "GB");
+  const auto mail = builder.oneToOne("ALEX@example.org");
+  builder.oneToOne("alex@example.org.evil");
+  builder.oneToOne("+14155550199");
+  ChatDB& db = open();
+  const ChatDB::ChatMap expected = {{plain, "+14155550100"},
+                                    {sms, "+14155550100"},
+                                    {foreign, "+14155550100"},
+                                    {mail, "alex@example.org"}};
+  EXPECT_EQ(db.chatsForHandles({"+14155550100", "alex@example.org", "4155550100@x"}), expected);
+  EXPECT_TRUE(db.chatsForHandles({}).empty());
+  EXPECT_TRUE(db.chatsForHandles({"Alex@Example.org"}).empty()) << "e-mail matches only exactly";
+}
+
+TEST_F(DirectoryTest, ChatsForHandlesUsesGivenChatsWithoutReading) {
+  ChatDB& db = open();
+  const std::vector<ChatDB::OneToOneChat> chats = {
+      {7, 1, "x", "+442079460000", std::nullopt}, {8, 2, "y", std::nullopt, std::nullopt}};
+  EXPECT_EQ(db.chatsForHandles({"02079460000", "+442079460000"}, chats),
+            (ChatDB::ChatMap{{7, "+442079460000"}}));
+  EXPECT_EQ(db.chatsForHandles({"(20) 7946-0000"}, chats), (ChatDB::ChatMap{{7, "(20) 7946-0000"}}));
+  EXPECT_TRUE(statements.empty());
+}
+
+// The database of the directory's definition of done: one handle with an SMS
+// and an iMessage chat, a group chat, a style-43 chat, an old chat and an
+// excluded handle.
+TEST_F(DirectoryTest, BuildsOneEntryPerRecentCorrespondent) {
+  const auto alexI = builder.oneToOne("+14155550100", "iMessage");
+  const auto alexS = builder.oneToOne("(415) 555-0100", "SMS");
+  const auto sam = builder.oneToOne("sam@example.org");
+  const auto old = builder.oneToOne("+14155550111");
+  const auto me = builder.oneToOne("+14155550122");
+  const auto groupA = builder.handle("+14155550133");
+  const auto groupB = builder.handle("+14155550144");
+  const auto group = builder.chat({groupA, groupB});
+  const auto named = builder.chat({builder.handle("+14155550155")}, 43);
+
+  builder.message(alexI, MessageSpec{.text = "i1", .dateMs = kNow - 3 * kDay});
+  builder.message(alexI, MessageSpec{.text = "i2", .fromMe = true, .dateMs = kNow - 2 * kDay});
+  builder.message(alexS, MessageSpec{.text = "s1", .dateMs = kNow - 1 * kDay, .service = "SMS"});
+  builder.message(alexS, MessageSpec{.text = "s-react", .dateMs = kNow, .amt = 2000});
+  builder.message(alexS, MessageSpec{.text = "s-event", .dateMs = kNow, .itemType = 2});
+  builder.message(sam, MessageSpec{.text = "hi", .fromMe = true, .dateMs = kNow - 5 * kDay, .service = std::nullopt});
+  builder.message(old, MessageSpec{.text = "long ago", .dateMs = kNow - 400 * kDay});
+  builder.message(me, MessageSpec{.text = "note", .dateMs = kNow});
+  builder.message(group, MessageSpec{.text = "group", .dateMs = kNow});
+  builder.message(named, MessageSpec{.text = "named", .dateMs = kNow});
+
+  const IndexedContactBook contacts(
+      {{ContactName("Alex", "Doe", "Al", std::nullopt), {"415-555-0100"}, {}}}, "US");
+  ChatDB& db = open();
+  const auto entries = db.buildDirectory(kNow - 365 * kDay, contacts, {"+14155550122"});
+
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0], (DirectoryEntry{.handle = "+14155550100",
+                                        .displayName = "Alex Doe",
+                                        .firstName = "Alex",
+                                        .lastName = "Doe",
+                                        .nickname = "Al",
+                                        .service = "SMS",
+                                        .lastMessageAt = isoString(kNow - kDay),
+                                        .lastFromMe = false,
+                                        .messageCount = 3}));
+  EXPECT_EQ(entries[1], (DirectoryEntry{.handle = "sam@example.org",
+                                        .displayName = std::nullopt,
+                                        .firstName = std::nullopt,
+                                        .lastName = std::nullopt,
+                                        .nickname = std::nullopt,
+                                        .service = "iMessage",
+                                        .lastMessageAt = isoString(kNow - 5 * kDay),
+                                        .lastFromMe = true,
+                                        .messageCount = 1}));
+  // One aggregate statement, then one small statement per qualifying chat.
+  const auto latest = std::count(statements.begin(), statements.end(), db.latestMessageSQL());
+  EXPECT_EQ(latest, 3);
+  EXPECT_EQ(statements.size(), 5u);
+}
+
+TEST_F(DirectoryTest, EqualTimesKeepTheFirstChatAndTiesSortByHandle) {
+  const auto first = builder.oneToOne("+14155550100", "iMessage");
+  const auto second = builder.oneToOne("4155550100", "SMS");
+  const auto other = builder.oneToOne("+14155550099");
+  builder.message(first, MessageSpec{.text = "a", .dateMs = kNow, .service = "iMessage"});
+  builder.message(second, MessageSpec{.text = "b", .fromMe = true, .dateMs = kNow, .service = "SMS"});
+  builder.message(other, MessageSpec{.text = "c", .dateMs = kNow, .service = ""});
+  ChatDB& db = open();
+  const auto entries = db.buildDirectory(kNow, EmptyContactBook(), {});
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].handle, "+14155550099");
+  EXPECT_EQ(entries[0].service, "iMessage") << "an empty message service falls back to the chat's";
+  EXPECT_EQ(entries[1].handle, "+14155550100");
+  EXPECT_EQ(entries[1].service, "iMessage");
+  EXPECT_FALSE(entries[1].lastFromMe);
+  EXPECT_EQ(entries[1].messageCount, 2);
+}
+
+TEST_F(DirectoryTest, LongNamesAreClipped) {
+  const auto chat = builder.oneToOne("+14155550100");
+  builder.message(chat, MessageSpec{.text = "x", .dateMs = kNow});
+  const std::string first(150, 'F'), last(150, 'L');
+  const IndexedContactBook contacts({{ContactName(first, last, std::nullopt, std::nullopt),
+                                      {"+14155550100"}, {}}}, "US");
+  const auto entries = open().buildDirectory(0, contacts, {});
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].firstName, std::string(100, 'F'));
+  EXPECT_EQ(entries[0].lastName, std::string(100, 'L'));
+  EXPECT_EQ(entries[0].displayName, first + " " + std::string(49, 'L'));
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+
+#include "core/chatdb/chat_db.h"
+#include "tests/support/chat_db_builder.h"
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+using testing::ChatDbBuilder;
+using testing::ChatDbSchema;
+using testing::DateUnit;
+using testing::MessageSpec;
+using testing::TempDir;
+using testing::TextStorage;
+
+constexpr std::int64_t kDay = 86400000;
+constexpr std::int64_t kNow = 1700000000000;
+
+TEST(OwnHandlesFromValuesTest, NormalisesFiltersAndDeduplicates) {
+  struct Case {
+    std::vector<std::string> values;
+    std::optional<std::string> region;
+    int max;
+    std::vector<std::string> expected;
+  };
+  const Case cases[] = {
+      {{"E:Alex@Example.org", "alex@example.org", " P:+14155550100 "}, "US", 20,
+       {"alex@example.org", "+14155550100"}},
+      {{"p:(415) 555-0100", "e:sam@example.org"}, "US", 20, {"+14155550100", "sam@example.org"}},
+      {{"12345", "a@b@c", "@x.org", "x@", "+4412345"}, "US", 20, {"+4412345"}},
+      {{"+123456", "+1234567890123456", "+123456789012345"}, "US", 20, {"+123456789012345"}},
+      {{"tel:0612345678", "E:", "", "  "}, "FR", 20, {"+33612345678"}},
+      {{"a b@example.org"}, "US", 20, {}},
+      {{"+14155550100", "+14155550101", "+14155550102"}, "US", 2,
+       {"+14155550100", "+14155550101"}},
+      {{"x@" + std::string(400, 'y') + ".org"}, "US", 20, {}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ChatDB::ownHandles(c.values, c.region, c.max), c.expected)
+        << (c.values.empty() ? "" : c.values.front());
+  }
+}
+
+TEST(OwnHandlesFromValuesTest, StopsAtMaxInQueryOrder) {
+  std::vector<std::string> values;
+  for (int i = 0; i < 25; ++i) values.push_back("user" + std::to_string(i) + "@example.org");
+  const auto handles = ChatDB::ownHandles(values, "US", 20);
+  ASSERT_EQ(handles.size(), 20u);
+  EXPECT_EQ(handles.front(), "user0@example.org");
+  EXPECT_EQ(handles.back(), "user19@example.org");
+}
+
+class OwnRowsTest : public ::testing::Test {
+ protected:
+  explicit OwnRowsTest(ChatDbSchema schema = ChatDbSchema::full(),
+                       DateUnit unit = DateUnit::nanoseconds)
+      : builder(dir.file("chat.db"), std::move(schema), unit) {}
+  TempDir dir;
+  ChatDbBuilder builder;
+};
+
+TEST_F(OwnRowsTest, OwnHandlesFromCallerIdThenAccount) {
+  const auto chat = builder.oneToOne("+14155550199");
+  builder.message(chat, MessageSpec{.text = "a", .dateMs = kNow - kDay,
+                                    .destinationCallerId = "+14155550100", .account = "E:me@example.org"});
+  builder.message(chat, MessageSpec{.text = "b", .dateMs = kNow - kDay,
+                                    .destinationCallerId = "me@example.org", .account = "P:+14155550100"});
+  builder.message(chat, MessageSpec{.text = "old", .dateMs = kNow - 400 * kDay,
+                                    .destinationCallerId = "+447700900123"});
+  builder.message(chat, MessageSpec{.text = "blank", .dateMs = kNow, .destinationCallerId = "",
+                                    .account = "e:other@example.org"});
+  ChatDB db(builder.path(), "US");
+  EXPECT_EQ(db.ownHandles(kNow - 180 * kDay, 20),
+            (std::vector<std::string>{"+14155550100", "me@example.org", "other@example.org"}));
+  EXPECT_EQ(ChatDB::detectOwnHandles(builder.path(), "US", 180, kNow), db.ownHandles(kNow - 180 * kDay, 20));
+}
+
+TEST_F(OwnRowsTest, DetectOwnHandlesIsAbsentForAnUnreadableDatabase) {
+  EXPECT_EQ(ChatDB::detectOwnHandles(dir.file("missing.db"), "US", 180, kNow), std::nullopt);
+  EXPECT_EQ(ChatDB::detectOwnHandles(builder.path(), "US", 180, kNow), std::vector<std::string>{});
+}
+
+class OwnRowsMinimalTest : public OwnRowsTest {
+ protected:
+  static ChatDbSchema schema() {
+    ChatDbSchema s;
+    s.omitMessageColumns = {"destination_caller_id"};
+    return s;
+  }
+  OwnRowsMinimalTest() : OwnRowsTest(schema()) {}
+};
+
+TEST_F(OwnRowsMinimalTest, WithoutCallerIdColumnStillReadsAccount) {
+  const auto chat = builder.oneToOne("+14155550199");
+  builder.message(chat, MessageSpec{.text = "a", .dateMs = kNow, .account = "E:me@example.org"});
+  ChatDB db(builder.path(), "US");
+  EXPECT_EQ(db.ownHandles(kNow - kDay, 20), std::vector<std::string>{"me@example.org"});
+}
+
+class SecondsDatesTest : public OwnRowsTest {
+ protected:
+  SecondsDatesTest() : OwnRowsTest(ChatDbSchema::full(), DateUnit::seconds) {}
+};
+
+TEST_F(SecondsDatesTest, OwnHandlesCompareRawDatesSoSecondsDatabasesGiveNothing) {
+  const auto chat = builder.oneToOne("+14155550199");
+  builder.message(chat, MessageSpec{.text = "a", .dateMs = kNow, .account = "E:me@example.org"});
+  ChatDB db(builder.path(), "US");
+  EXPECT_TRUE(db.ownHandles(kNow - kDay, 20).empty());
+}
+
+TEST_F(OwnRowsTest, SelfRowsSkipReactionsEventsEmptyTextAndDuplicates) {
+  const auto self1 = builder.oneToOne("+14155550100");
+  const auto self2 = builder.oneToOne("me@example.org");
+  const auto other = builder.oneToOne("+14155550199");
+  const auto start = builder.message(self1, "before the cursor");
+  const auto note = builder.message(self1, MessageSpec{.text = " buy milk ", .fromMe = true, .dateMs = kNow});
+  builder.join(self2, note);
+  builder.message(self1, MessageSpec{.text = "", .amt = 2001});
+  builder.message(self1, MessageSpec{.text = "renamed", .itemType = 2});
+  builder.message(self1, MessageSpec{.text = "\uFFFC"});
+  builder.message(self1, MessageSpec{.text = "undated", .nullDate = true});
+  builder.message(other, "not a self chat");
+  const auto failed = builder.message(self2, MessageSpec{.text = "reply", .dateMs = kNow + 1,
+                                                         .error = 22, .storage = TextStorage::attributedBody});
+  const auto beyond = builder.message(self2, "after upTo");
+
+  ChatDB db(builder.path(), "US");
+  const auto rows = db.selfRows({self1, self2}, start, beyond - 1);
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0], (ChatDB::SelfRow{note, builder.guidOf(note), "buy milk", true, kNow, 0}));
+  EXPECT_EQ(rows[1], (ChatDB::SelfRow{failed, builder.guidOf(failed), "reply", false, kNow + 1, 22}));
+  EXPECT_TRUE(db.selfRows({}, 0, beyond).empty());
+  EXPECT_TRUE(db.selfRows({self1}, beyond, beyond).empty());
+}
+
+TEST_F(OwnRowsTest, OutgoingAfterIncludesRowsWithoutText) {
+  const auto chat = builder.oneToOne("+14155550100");
+  const auto mark = builder.message(chat, MessageSpec{.text = "earlier", .fromMe = true});
+  builder.message(chat, MessageSpec{.text = "incoming"});
+  const auto sent = builder.message(chat, MessageSpec{.text = "hello", .fromMe = true, .service = "SMS", .error = 4});
+  const auto photo = builder.message(chat, MessageSpec{.text = "\uFFFC", .fromMe = true, .service = std::nullopt});
+  const auto body = builder.message(chat, MessageSpec{.text = "from body", .fromMe = true,
+                                                      .storage = TextStorage::attributedBody});
+  ChatDB db(builder.path(), "US");
+  EXPECT_EQ(db.outgoingAfter(mark),
+            (std::vector<ChatDB::OutgoingRow>{{sent, "hello", 4, "SMS"},
+                                              {photo, "", 0, std::nullopt},
+                                              {body, "from body", 0, "iMessage"}}));
+  EXPECT_TRUE(db.outgoingAfter(body).empty());
+}
+
+}  // namespace
+}  // namespace corvane
