@@ -1,0 +1,173 @@
+#include "core/sync/self_channel.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace corvane {
+namespace {
+
+using SelfChannel::Decision;
+using SelfChannel::SkipReason;
+
+constexpr std::int64_t kNow = 1'700'000'000'000;
+
+ChatDB::SelfRow row(std::int64_t rowid, std::string text, std::int64_t sentAtMs) {
+  return {rowid, "guid-" + std::to_string(rowid), std::move(text), true, sentAtMs, 0};
+}
+
+std::vector<std::optional<SkipReason>> reasons(const std::vector<Decision>& decisions) {
+  std::vector<std::optional<SkipReason>> out;
+  for (const auto& d : decisions) out.push_back(d.reason);
+  return out;
+}
+
+TEST(SelfChannelTest, NormalizeForMatchFoldsWhatMessagesChanges) {
+  struct Case {
+    std::string input;
+    std::string expected;
+  };
+  const Case cases[] = {
+      {"  hello \n", "hello"},
+      {"cafe\u0301", "caf\u00e9"},
+      {"it\u2018s", "it's"},
+      {"it\u2019s", "it's"},
+      {"\u201Cquoted\u201D", "\"quoted\""},
+      {"photo\uFFFC", "photo"},
+      {"\uFFFC\nHere it is ", "Here it is"},
+      {"a\uFFFCb", "ab"},
+      {"\uFFFC", ""},
+      {"line one\nline two", "line one\nline two"},
+      {"ab\xff", "ab\uFFFD"},
+  };
+  for (const auto& c : cases) {
+    const std::string once = SelfChannel::normalizeForMatch(c.input);
+    EXPECT_EQ(once, c.expected) << c.input;
+    EXPECT_EQ(SelfChannel::normalizeForMatch(once), once) << c.input;
+  }
+}
+
+TEST(SelfChannelTest, SkipReasonsHaveTheirWireNames) {
+  EXPECT_EQ(SelfChannel::toString(SkipReason::echo), "echo");
+  EXPECT_EQ(SelfChannel::toString(SkipReason::duplicate), "duplicate");
+  EXPECT_EQ(SelfChannel::toString(SkipReason::tooOld), "too-old");
+  EXPECT_EQ(SelfChannel::toString(SkipReason::sendError), "send-error");
+}
+
+TEST(SelfChannelTest, PruneDropsOldEntriesThenKeepsTheNewestByPosition) {
+  const std::vector<SentText> list = {
+      {"a", kNow - 101}, {"b", kNow - 100}, {"c", kNow}, {"d", kNow + 50}, {"e", kNow - 1}};
+  struct Case {
+    std::size_t maxLen;
+    std::vector<SentText> expected;
+  };
+  const Case cases[] = {
+      {10, {list[1], list[2], list[3], list[4]}},
+      {4, {list[1], list[2], list[3], list[4]}},
+      {2, {list[3], list[4]}},
+      {0, {}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(SelfChannel::prune(list, kNow, 100, c.maxLen), c.expected) << c.maxLen;
+  }
+  EXPECT_EQ(SelfChannel::prune({}, kNow, 100, 5), std::vector<SentText>{});
+}
+
+TEST(SelfChannelTest, EchoWindowIncludesItsBoundaryInBothDirections) {
+  const std::int64_t t = kNow - 1'000'000;
+  const std::vector<SentText> sent = {{"it's done", t}};
+  struct Case {
+    std::string text;
+    std::int64_t atMs;
+    bool echo;
+  };
+  const Case cases[] = {
+      {"it's done", t + 600'000, true}, {"it's done", t + 600'001, false},
+      {"it's done", t - 600'000, true}, {"it's done", t - 600'001, false},
+      {"it\u2018s done", t + 10, true}, {"it's done\uFFFC", t + 10, true},
+      {"  it's done\n", t + 10, true},  {"it's done!", t + 10, false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(SelfChannel::isAssistantEcho(c.text, c.atMs, sent, SelfChannel::echoWindowMs), c.echo)
+        << c.text << " at +" << c.atMs - t;
+  }
+  EXPECT_FALSE(SelfChannel::isAssistantEcho("it's done", t, {}, SelfChannel::echoWindowMs));
+}
+
+TEST(SelfChannelTest, PlanBoundaries) {
+  const std::int64_t replyAt = kNow - 700'000;
+  const std::vector<SentText> assistantSent = {{"reply", replyAt}};
+  const std::vector<SentText> selfPosted = {{"note", kNow - 20'000}};
+  struct Case {
+    const char* what;
+    ChatDB::SelfRow row;
+    std::optional<SkipReason> expected;
+  };
+  const Case cases[] = {
+      {"echo at exactly the window", row(1, "reply", replyAt + 600'000), SkipReason::echo},
+      {"echo a millisecond later", row(1, "reply", replyAt + 600'001), std::nullopt},
+      {"mirror at exactly the window", row(1, "note", kNow - 15'000), SkipReason::duplicate},
+      {"mirror a millisecond later", row(1, "note", kNow - 14'999), std::nullopt},
+      {"mirror written before the post", row(1, "note", kNow - 25'000), SkipReason::duplicate},
+      {"note exactly 12 hours old", row(1, "fresh", kNow - 43'200'000), std::nullopt},
+      {"note a millisecond older", row(1, "stale", kNow - 43'200'001), SkipReason::tooOld},
+  };
+  for (const auto& c : cases) {
+    const auto decisions = SelfChannel::plan({c.row}, assistantSent, selfPosted, kNow);
+    ASSERT_EQ(decisions.size(), 1u) << c.what;
+    EXPECT_EQ(decisions[0].reason, c.expected) << c.what;
+    EXPECT_EQ(decisions[0].isPost(), !c.expected.has_value()) << c.what;
+    EXPECT_EQ(decisions[0].row, c.row) << c.what;
+  }
+}
+
+TEST(SelfChannelTest, PlanChecksEchoThenDuplicateThenAge) {
+  const std::int64_t old = kNow - 43'300'000;
+  // Each text is recorded both as a reply and as a posted note, at the same
+  // time as its row: the first check in the order decides.
+  const std::vector<SentText> assistantSent = {{"both", old}};
+  const std::vector<SentText> selfPosted = {{"both", old}, {"posted", old}};
+  const auto decisions =
+      SelfChannel::plan({row(1, "both", old), row(2, "posted", old), row(3, "neither", old)},
+                        assistantSent, selfPosted, kNow);
+  EXPECT_EQ(reasons(decisions), (std::vector<std::optional<SkipReason>>{
+                                    SkipReason::echo, SkipReason::duplicate, SkipReason::tooOld}));
+}
+
+TEST(SelfChannelTest, PlanTreatsEarlierPostsOfTheSamePlanAsPosted) {
+  const std::int64_t t = kNow - 60'000;
+  const auto decisions = SelfChannel::plan(
+      {
+          row(1, "buy milk", t),
+          row(2, "buy milk\uFFFC", t + 5'000),    // the mirrored copy
+          row(3, "buy milk", t + 20'000),         // written again later: a new note
+          row(4, "old idea", kNow - 43'200'500),  // too old, so never planned...
+          row(5, "old idea", kNow - 43'199'000),  // ...and can't make this one a duplicate
+          row(6, "reply", t),                     // an echo is not planned either
+          row(7, "reply", t + 1'000),
+      },
+      {{"reply", t - 600'000}}, {}, kNow);
+  EXPECT_EQ(reasons(decisions),
+            (std::vector<std::optional<SkipReason>>{std::nullopt, SkipReason::duplicate,
+                                                    std::nullopt, SkipReason::tooOld, std::nullopt,
+                                                    SkipReason::echo, std::nullopt}));
+  for (std::size_t i = 0; i < decisions.size(); ++i)
+    EXPECT_EQ(decisions[i].row.rowid, static_cast<std::int64_t>(i + 1));
+}
+
+TEST(SelfChannelTest, PlanMatchesPostedNotesRecordedUnnormalised) {
+  const auto decisions = SelfChannel::plan({row(1, "it's here", kNow - 1'000)}, {},
+                                           {{" it\u2019s here\uFFFC", kNow - 2'000}}, kNow);
+  EXPECT_EQ(reasons(decisions), (std::vector<std::optional<SkipReason>>{SkipReason::duplicate}));
+}
+
+TEST(SelfChannelDeathTest, OverflowingTimeDifferenceIsFatal) {
+  const std::vector<SentText> list = {{"x", std::numeric_limits<std::int64_t>::min()}};
+  EXPECT_DEATH(SelfChannel::prune(list, kNow, 100, 5), "overflows");
+  EXPECT_DEATH(SelfChannel::isAssistantEcho("x", kNow, list, 100), "overflows");
+}
+
+}  // namespace
+}  // namespace corvane
