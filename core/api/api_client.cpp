@@ -189,8 +189,8 @@ std::string APIClient::perform(const char* method, const std::string& path,
   // 7. Any other failure.
   const int code = static_cast<int>(status);
   if (code < 200 || code > 299) {
-    throw APIError::http(code, call + " → " + std::to_string(code) + ": " +
-                                   errorDetail(code, answer.body));
+    throw APIError::http(
+        code, call + " → " + std::to_string(code) + ": " + errorDetail(code, answer.body));
   }
   return std::move(answer.body);
 }
@@ -226,8 +226,7 @@ void APIClient::ackOutbox(const std::string& id, const OutboxAck& ack) {
 }
 
 SelfMessageResponse APIClient::postSelf(const SelfMessageRequest& request) {
-  return call<SelfMessageResponse>("POST", "/api/agent/self", encodeJSON(request),
-                                   kDefaultTimeout);
+  return call<SelfMessageResponse>("POST", "/api/agent/self", encodeJSON(request), kDefaultTimeout);
 }
 
 PairResponse APIClient::pair(const PairRequest& request) {

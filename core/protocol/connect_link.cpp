@@ -97,8 +97,9 @@ std::optional<ConnectLink> ConnectLink::parse(std::string_view url) {
 }
 
 std::string ConnectLink::make(std::string_view code, std::string_view server) {
-  return std::string(QuoddleProtocol::deepLinkScheme) + "://connect?code=" +
-         percentEscape(code, kLinkKeep) + "&server=" + percentEscape(server, kLinkKeep);
+  return std::string(QuoddleProtocol::deepLinkScheme) +
+         "://connect?code=" + percentEscape(code, kLinkKeep) +
+         "&server=" + percentEscape(server, kLinkKeep);
 }
 
 }  // namespace corvane

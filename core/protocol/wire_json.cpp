@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cmath>
+#include <concepts>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -170,18 +171,164 @@ class Fields {
   const WireJSON& j_;
 };
 
-template <class T>
-void putOrNull(WireJSON& j, const char* key, const std::optional<T>& value) {
-  if (value) {
-    j[key] = *value;
-  } else {
-    j[key] = nullptr;
+// How an absent optional travels: written as null, left out, or (for a
+// list) written empty and read back empty when missing.
+enum class Absent { null, omitted, empty };
+
+// Writes a record's fields into a JSON object, in the order visited.
+struct Encoder {
+  WireJSON& j;
+
+  template <class T>
+  void operator()(const char* key, const T& value) const {
+    j[key] = value;
   }
+  template <class T>
+  void operator()(const char* key, const std::optional<T>& value, Absent absent) const {
+    if (value) {
+      j[key] = *value;
+    } else if (absent == Absent::null) {
+      j[key] = nullptr;
+    }
+  }
+  template <class T>
+  void operator()(const char* key, const std::vector<T>& value, Absent) const {
+    j[key] = value;
+  }
+};
+
+// Reads a record's fields from a JSON object.
+struct Decoder {
+  const Fields& fields;
+
+  template <class T>
+  void operator()(const char* key, T& value) const {
+    value = fields.required<T>(key);
+  }
+  template <class T>
+  void operator()(const char* key, std::optional<T>& value, Absent) const {
+    value = fields.optional<T>(key);
+  }
+  template <class T>
+  void operator()(const char* key, std::vector<T>& value, Absent) const {
+    value = fields.optional<std::vector<T>>(key).value_or(std::vector<T>{});
+  }
+};
+
+template <class R, class Record>
+concept RecordOf = std::same_as<std::remove_const_t<R>, Record>;
+
+// Each record's keys, listed once for both directions, in wire order.
+void eachField(RecordOf<PairRequest> auto& v, auto&& f) {
+  f("code", v.code);
+  f("deviceName", v.deviceName);
+  f("platform", v.platform);
+  f("agentVersion", v.agentVersion);
 }
 
-template <class T>
-void putIfPresent(WireJSON& j, const char* key, const std::optional<T>& value) {
-  if (value) j[key] = *value;
+void eachField(RecordOf<PairResponse> auto& v, auto&& f) {
+  f("token", v.token);
+  f("deviceId", v.deviceId);
+  f("userName", v.userName, Absent::omitted);
+}
+
+void eachField(RecordOf<AgentConfig::SelfChannel> auto& v, auto&& f) {
+  f("enabled", v.enabled);
+  f("handles", v.handles);
+}
+
+void eachField(RecordOf<AgentConfig> auto& v, auto&& f) {
+  f("protocolVersion", v.protocolVersion);
+  f("rosterHandles", v.rosterHandles);
+  f("backfillDays", v.backfillDays);
+  f("directoryDays", v.directoryDays);
+  f("pollIntervalSec", v.pollIntervalSec);
+  f("selfChannel", v.selfChannel);
+  f("plan", v.plan);
+}
+
+void eachField(RecordOf<DirectoryEntry> auto& v, auto&& f) {
+  f("handle", v.handle);
+  f("displayName", v.displayName, Absent::null);
+  f("firstName", v.firstName, Absent::null);
+  f("lastName", v.lastName, Absent::null);
+  f("nickname", v.nickname, Absent::null);
+  f("service", v.service);
+  f("lastMessageAt", v.lastMessageAt);
+  f("lastFromMe", v.lastFromMe);
+  f("messageCount", v.messageCount);
+}
+
+void eachField(RecordOf<SyncedMessage> auto& v, auto&& f) {
+  f("guid", v.guid);
+  f("handle", v.handle);
+  f("text", v.text);
+  f("isFromMe", v.isFromMe);
+  f("sentAt", v.sentAt);
+  f("service", v.service);
+  f("attachments", v.attachments, Absent::empty);
+  f("reaction", v.reaction, Absent::null);
+  f("replyToGuid", v.replyToGuid, Absent::null);
+}
+
+void eachField(RecordOf<SyncRequest> auto& v, auto&& f) {
+  f("directory", v.directory);
+  f("messages", v.messages);
+  f("cursor", v.cursor);
+}
+
+void eachField(RecordOf<SyncResponse> auto& v, auto&& f) {
+  f("accepted", v.accepted);
+  f("dropped", v.dropped);
+}
+
+void eachField(RecordOf<OutboxItem> auto& v, auto&& f) {
+  f("id", v.id);
+  f("handle", v.handle);
+  f("text", v.text);
+  f("kind", v.kind);
+}
+
+void eachField(RecordOf<OutboxResponse> auto& v, auto&& f) { f("items", v.items); }
+
+void eachField(RecordOf<OutboxAck> auto& v, auto&& f) {
+  f("status", v.status);
+  f("error", v.error, Absent::null);
+}
+
+void eachField(RecordOf<SelfMessageRequest> auto& v, auto&& f) {
+  f("guid", v.guid);
+  f("text", v.text);
+  f("sentAt", v.sentAt);
+}
+
+void eachField(RecordOf<SelfMessageResponse> auto& v, auto&& f) { f("queued", v.queued); }
+
+void eachField(RecordOf<AgentStatusRequest> auto& v, auto&& f) {
+  f("appVersion", v.appVersion);
+  f("osVersion", v.osVersion);
+  f("fullDiskAccess", v.fullDiskAccess);
+  f("contactsAccess", v.contactsAccess);
+  f("automationAccess", v.automationAccess);
+  f("messagesReady", v.messagesReady);
+  f("ownHandles", v.ownHandles, Absent::omitted);
+}
+
+void eachField(RecordOf<ErrorBody> auto& v, auto&& f) {
+  f("error", v.error, Absent::omitted);
+  f("message", v.message, Absent::omitted);
+}
+
+template <class R>
+void encodeRecord(WireJSON& j, const R& record) {
+  j = WireJSON::object();
+  eachField(record, Encoder{j});
+}
+
+template <class R>
+void decodeRecord(const WireJSON& j, R& record) {
+  const Fields fields(j);
+  eachField(record, Decoder{fields});
 }
 
 }  // namespace
@@ -205,243 +352,50 @@ void from_json(const WireJSON& j, PermissionState& value) {
   value = decodeValue<PermissionState>(j);
 }
 
-void to_json(WireJSON& j, const PairRequest& v) {
-  j = WireJSON::object();
-  j["code"] = v.code;
-  j["deviceName"] = v.deviceName;
-  j["platform"] = v.platform;
-  j["agentVersion"] = v.agentVersion;
-}
+void to_json(WireJSON& j, const PairRequest& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, PairRequest& v) { decodeRecord(j, v); }
 
-void from_json(const WireJSON& j, PairRequest& v) {
-  const Fields f(j);
-  v.code = f.required<std::string>("code");
-  v.deviceName = f.required<std::string>("deviceName");
-  v.platform = f.required<std::string>("platform");
-  v.agentVersion = f.required<std::string>("agentVersion");
-}
+void to_json(WireJSON& j, const PairResponse& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, PairResponse& v) { decodeRecord(j, v); }
 
-void to_json(WireJSON& j, const PairResponse& v) {
-  j = WireJSON::object();
-  j["token"] = v.token;
-  j["deviceId"] = v.deviceId;
-  putIfPresent(j, "userName", v.userName);
-}
+void to_json(WireJSON& j, const AgentConfig::SelfChannel& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, AgentConfig::SelfChannel& v) { decodeRecord(j, v); }
 
-void from_json(const WireJSON& j, PairResponse& v) {
-  const Fields f(j);
-  v.token = f.required<std::string>("token");
-  v.deviceId = f.required<std::string>("deviceId");
-  v.userName = f.optional<std::string>("userName");
-}
+void to_json(WireJSON& j, const AgentConfig& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, AgentConfig& v) { decodeRecord(j, v); }
 
-void to_json(WireJSON& j, const AgentConfig::SelfChannel& v) {
-  j = WireJSON::object();
-  j["enabled"] = v.enabled;
-  j["handles"] = v.handles;
-}
+void to_json(WireJSON& j, const DirectoryEntry& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, DirectoryEntry& v) { decodeRecord(j, v); }
 
-void from_json(const WireJSON& j, AgentConfig::SelfChannel& v) {
-  const Fields f(j);
-  v.enabled = f.required<bool>("enabled");
-  v.handles = f.required<std::vector<std::string>>("handles");
-}
+void to_json(WireJSON& j, const SyncedMessage& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, SyncedMessage& v) { decodeRecord(j, v); }
 
-void to_json(WireJSON& j, const AgentConfig& v) {
-  j = WireJSON::object();
-  j["protocolVersion"] = v.protocolVersion;
-  j["rosterHandles"] = v.rosterHandles;
-  j["backfillDays"] = v.backfillDays;
-  j["directoryDays"] = v.directoryDays;
-  j["pollIntervalSec"] = v.pollIntervalSec;
-  j["selfChannel"] = v.selfChannel;
-  j["plan"] = v.plan;
-}
+void to_json(WireJSON& j, const SyncRequest& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, SyncRequest& v) { decodeRecord(j, v); }
 
-void from_json(const WireJSON& j, AgentConfig& v) {
-  const Fields f(j);
-  v.protocolVersion = f.required<std::int64_t>("protocolVersion");
-  v.rosterHandles = f.required<std::vector<std::string>>("rosterHandles");
-  v.backfillDays = f.required<std::int64_t>("backfillDays");
-  v.directoryDays = f.required<std::int64_t>("directoryDays");
-  v.pollIntervalSec = f.required<std::int64_t>("pollIntervalSec");
-  v.selfChannel = f.required<AgentConfig::SelfChannel>("selfChannel");
-  v.plan = f.required<std::string>("plan");
-}
+void to_json(WireJSON& j, const SyncResponse& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, SyncResponse& v) { decodeRecord(j, v); }
 
-void to_json(WireJSON& j, const DirectoryEntry& v) {
-  j = WireJSON::object();
-  j["handle"] = v.handle;
-  putOrNull(j, "displayName", v.displayName);
-  putOrNull(j, "firstName", v.firstName);
-  putOrNull(j, "lastName", v.lastName);
-  putOrNull(j, "nickname", v.nickname);
-  j["service"] = v.service;
-  j["lastMessageAt"] = v.lastMessageAt;
-  j["lastFromMe"] = v.lastFromMe;
-  j["messageCount"] = v.messageCount;
-}
+void to_json(WireJSON& j, const OutboxItem& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, OutboxItem& v) { decodeRecord(j, v); }
 
-void from_json(const WireJSON& j, DirectoryEntry& v) {
-  const Fields f(j);
-  v.handle = f.required<std::string>("handle");
-  v.displayName = f.optional<std::string>("displayName");
-  v.firstName = f.optional<std::string>("firstName");
-  v.lastName = f.optional<std::string>("lastName");
-  v.nickname = f.optional<std::string>("nickname");
-  v.service = f.required<std::string>("service");
-  v.lastMessageAt = f.required<std::string>("lastMessageAt");
-  v.lastFromMe = f.required<bool>("lastFromMe");
-  v.messageCount = f.required<std::int64_t>("messageCount");
-}
+void to_json(WireJSON& j, const OutboxResponse& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, OutboxResponse& v) { decodeRecord(j, v); }
 
-void to_json(WireJSON& j, const SyncedMessage& v) {
-  j = WireJSON::object();
-  j["guid"] = v.guid;
-  j["handle"] = v.handle;
-  j["text"] = v.text;
-  j["isFromMe"] = v.isFromMe;
-  j["sentAt"] = v.sentAt;
-  j["service"] = v.service;
-  j["attachments"] = v.attachments;
-  putOrNull(j, "reaction", v.reaction);
-  putOrNull(j, "replyToGuid", v.replyToGuid);
-}
+void to_json(WireJSON& j, const OutboxAck& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, OutboxAck& v) { decodeRecord(j, v); }
 
-void from_json(const WireJSON& j, SyncedMessage& v) {
-  const Fields f(j);
-  v.guid = f.required<std::string>("guid");
-  v.handle = f.required<std::string>("handle");
-  v.text = f.required<std::string>("text");
-  v.isFromMe = f.required<bool>("isFromMe");
-  v.sentAt = f.required<std::string>("sentAt");
-  v.service = f.required<std::string>("service");
-  v.attachments = f.optional<std::vector<AttachmentKind>>("attachments").value_or(
-      std::vector<AttachmentKind>{});
-  v.reaction = f.optional<std::string>("reaction");
-  v.replyToGuid = f.optional<std::string>("replyToGuid");
-}
+void to_json(WireJSON& j, const SelfMessageRequest& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, SelfMessageRequest& v) { decodeRecord(j, v); }
 
-void to_json(WireJSON& j, const SyncRequest& v) {
-  j = WireJSON::object();
-  j["directory"] = v.directory;
-  j["messages"] = v.messages;
-  j["cursor"] = v.cursor;
-}
+void to_json(WireJSON& j, const SelfMessageResponse& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, SelfMessageResponse& v) { decodeRecord(j, v); }
 
-void from_json(const WireJSON& j, SyncRequest& v) {
-  const Fields f(j);
-  v.directory = f.required<std::vector<DirectoryEntry>>("directory");
-  v.messages = f.required<std::vector<SyncedMessage>>("messages");
-  v.cursor = f.required<std::int64_t>("cursor");
-}
+void to_json(WireJSON& j, const AgentStatusRequest& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, AgentStatusRequest& v) { decodeRecord(j, v); }
 
-void to_json(WireJSON& j, const SyncResponse& v) {
-  j = WireJSON::object();
-  j["accepted"] = v.accepted;
-  j["dropped"] = v.dropped;
-}
-
-void from_json(const WireJSON& j, SyncResponse& v) {
-  const Fields f(j);
-  v.accepted = f.required<std::int64_t>("accepted");
-  v.dropped = f.required<std::int64_t>("dropped");
-}
-
-void to_json(WireJSON& j, const OutboxItem& v) {
-  j = WireJSON::object();
-  j["id"] = v.id;
-  j["handle"] = v.handle;
-  j["text"] = v.text;
-  j["kind"] = v.kind;
-}
-
-void from_json(const WireJSON& j, OutboxItem& v) {
-  const Fields f(j);
-  v.id = f.required<std::string>("id");
-  v.handle = f.required<std::string>("handle");
-  v.text = f.required<std::string>("text");
-  v.kind = f.required<OutboxItem::Kind>("kind");
-}
-
-void to_json(WireJSON& j, const OutboxResponse& v) {
-  j = WireJSON::object();
-  j["items"] = v.items;
-}
-
-void from_json(const WireJSON& j, OutboxResponse& v) {
-  const Fields f(j);
-  v.items = f.required<std::vector<OutboxItem>>("items");
-}
-
-void to_json(WireJSON& j, const OutboxAck& v) {
-  j = WireJSON::object();
-  j["status"] = v.status;
-  putOrNull(j, "error", v.error);
-}
-
-void from_json(const WireJSON& j, OutboxAck& v) {
-  const Fields f(j);
-  v.status = f.required<SendStatus>("status");
-  v.error = f.optional<std::string>("error");
-}
-
-void to_json(WireJSON& j, const SelfMessageRequest& v) {
-  j = WireJSON::object();
-  j["guid"] = v.guid;
-  j["text"] = v.text;
-  j["sentAt"] = v.sentAt;
-}
-
-void from_json(const WireJSON& j, SelfMessageRequest& v) {
-  const Fields f(j);
-  v.guid = f.required<std::string>("guid");
-  v.text = f.required<std::string>("text");
-  v.sentAt = f.required<std::string>("sentAt");
-}
-
-void to_json(WireJSON& j, const SelfMessageResponse& v) {
-  j = WireJSON::object();
-  j["queued"] = v.queued;
-}
-
-void from_json(const WireJSON& j, SelfMessageResponse& v) {
-  v.queued = Fields(j).required<std::int64_t>("queued");
-}
-
-void to_json(WireJSON& j, const AgentStatusRequest& v) {
-  j = WireJSON::object();
-  j["appVersion"] = v.appVersion;
-  j["osVersion"] = v.osVersion;
-  j["fullDiskAccess"] = v.fullDiskAccess;
-  j["contactsAccess"] = v.contactsAccess;
-  j["automationAccess"] = v.automationAccess;
-  j["messagesReady"] = v.messagesReady;
-  putIfPresent(j, "ownHandles", v.ownHandles);
-}
-
-void from_json(const WireJSON& j, AgentStatusRequest& v) {
-  const Fields f(j);
-  v.appVersion = f.required<std::string>("appVersion");
-  v.osVersion = f.required<std::string>("osVersion");
-  v.fullDiskAccess = f.required<bool>("fullDiskAccess");
-  v.contactsAccess = f.required<PermissionState>("contactsAccess");
-  v.automationAccess = f.required<PermissionState>("automationAccess");
-  v.messagesReady = f.required<bool>("messagesReady");
-  v.ownHandles = f.optional<std::vector<std::string>>("ownHandles");
-}
-
-void to_json(WireJSON& j, const ErrorBody& v) {
-  j = WireJSON::object();
-  putIfPresent(j, "error", v.error);
-  putIfPresent(j, "message", v.message);
-}
-
-void from_json(const WireJSON& j, ErrorBody& v) {
-  const Fields f(j);
-  v.error = f.optional<std::string>("error");
-  v.message = f.optional<std::string>("message");
-}
+void to_json(WireJSON& j, const ErrorBody& v) { encodeRecord(j, v); }
+void from_json(const WireJSON& j, ErrorBody& v) { decodeRecord(j, v); }
 
 void to_json(WireJSON& j, const IgnoredBody&) { j = WireJSON::object(); }
 

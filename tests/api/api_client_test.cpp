@@ -83,8 +83,9 @@ TEST(APIClientTest, PairingPostCarriesJSONBodyButNoAuthorization) {
 }
 
 TEST(APIClientTest, HeadersGoOutInTheirOrder) {
-  RawServer server("HTTP/1.1 200 OK\r\nContent-Length: 12\r\nConnection: close\r\n\r\n"
-                   R"({"queued":1})");
+  RawServer server(
+      "HTTP/1.1 200 OK\r\nContent-Length: 12\r\nConnection: close\r\n\r\n"
+      R"({"queued":1})");
   clientFor(server.url()).postSelf({"g", "note", "2023-11-14T22:13:20.123Z"});
   const std::string raw = server.request();
   std::vector<std::size_t> positions;
@@ -119,8 +120,8 @@ TEST(APIClientTest, EveryCallUsesItsMethodPathAndAnswerType) {
 
   const SyncRequest upload{{}, {{"g", "h", "t", true, "s", "iMessage", {}, {}, {}}}, 77};
   const SelfMessageRequest note{"g9", "remember milk", "2023-11-14T22:13:20.123Z"};
-  const AgentStatusRequest report{"0.1.0", "Linux 6.1", true, PermissionState::unknown,
-                                  PermissionState::unknown, true, {}};
+  const AgentStatusRequest report{
+      "0.1.0", "Linux 6.1", true, PermissionState::unknown, PermissionState::unknown, true, {}};
   EXPECT_EQ(api.getConfig(), config);
   EXPECT_EQ(api.sync(upload), synced);
   EXPECT_EQ(api.getOutbox(), outbox);
@@ -195,8 +196,8 @@ TEST(APIClientTest, UntrustedServerFailsBeforeAnyTraffic) {
       {""},
   };
   for (const auto& c : cases) {
-    const APIError e = expectAPIError([&] { clientFor(c.server).getConfig(); },
-                                      APIError::Kind::insecureServer);
+    const APIError e =
+        expectAPIError([&] { clientFor(c.server).getConfig(); }, APIError::Kind::insecureServer);
     EXPECT_EQ(e.description(),
               "Refusing to talk to " + c.server + ": Corvane needs an https:// server.");
     EXPECT_FALSE(e.isTransient());
@@ -252,10 +253,12 @@ TEST(APIClientTest, ErrorAnswersBecomeHTTPErrorsWithTheBestDetail) {
 }
 
 TEST(APIClientTest, PairingErrorNamesThePostAndTheServerMessage) {
-  LoopbackServer server(LoopbackServer::answer(
-      400, R"({"error":"bad_code","message":"That code has expired"})"));
+  LoopbackServer server(
+      LoopbackServer::answer(400, R"({"error":"bad_code","message":"That code has expired"})"));
   const APIError e = expectAPIError(
-      [&] { clientFor(server.url(), std::nullopt).pair({"ABCD", "n", "p", "v"}); },
+      [&] {
+        clientFor(server.url(), std::nullopt).pair({"ABCD", "n", "p", "v"});
+      },
       APIError::Kind::http);
   EXPECT_EQ(e.description(), "POST /api/agent/pair → 400: That code has expired");
   EXPECT_EQ(e.status(), 400);
@@ -306,7 +309,8 @@ TEST(APIClientTest, UndecodableSuccessIsABadResponse) {
        R"({"protocolVersion":1,"rosterHandles":[],"backfillDays":1,"directoryDays":2,)"
        R"("pollIntervalSec":3,"selfChannel":{"enabled":false,"handles":[]}})",
        R"(key "plan": missing)"},
-      {"truncated", R"({"protocolVersion":1,"rosterHa)", "not valid JSON (syntax error at byte 31)"},
+      {"truncated", R"({"protocolVersion":1,"rosterHa)",
+       "not valid JSON (syntax error at byte 31)"},
       {"not JSON", "<html>hello</html>", "not valid JSON (syntax error at byte 1)"},
       {"empty", "", "not valid JSON (the text is empty)"},
       {"wrong type", R"({"protocolVersion":"1"})",
@@ -325,19 +329,22 @@ TEST(APIClientTest, UndecodableSuccessIsABadResponse) {
 }
 
 TEST(APIClientTest, UnknownOutboxKindSpoilsTheWholeOutbox) {
-  LoopbackServer server(LoopbackServer::answer(
-      200, R"({"items":[{"id":"1","handle":"h","text":"t","kind":"user"},)"
-           R"({"id":"2","handle":"h","text":"t","kind":"broadcast"}]})"));
+  LoopbackServer server(
+      LoopbackServer::answer(200, R"({"items":[{"id":"1","handle":"h","text":"t","kind":"user"},)"
+                                  R"({"id":"2","handle":"h","text":"t","kind":"broadcast"}]})"));
   const APIError e =
       expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::badResponse);
-  EXPECT_EQ(e.description(), "GET /api/agent/outbox: unexpected response shape "
-                             R"((key "items[1].kind": unknown value "broadcast"))");
+  EXPECT_EQ(e.description(),
+            "GET /api/agent/outbox: unexpected response shape "
+            R"((key "items[1].kind": unknown value "broadcast"))");
 }
 
 TEST(APIClientTest, EmptySuccessBodyFailsAcks) {
   LoopbackServer server(LoopbackServer::answer(204, ""));
   const APIError e = expectAPIError(
-      [&] { clientFor(server.url()).ackOutbox("1", {SendStatus::sent, {}}); },
+      [&] {
+        clientFor(server.url()).ackOutbox("1", {SendStatus::sent, {}});
+      },
       APIError::Kind::badResponse);
   EXPECT_EQ(e.description(),
             "POST /api/agent/outbox/1: unexpected response shape (not valid JSON (the text is "
@@ -357,15 +364,15 @@ TEST(APIClientTest, HugeAnswersAreRefused) {
   {
     // Chunked, so the size is only known while the body arrives.
     LoopbackServer server([&](const httplib::Request&, httplib::Response& response) {
-      response.set_chunked_content_provider(
-          "application/json", [&](std::size_t offset, httplib::DataSink& sink) {
-            if (offset >= huge.size()) {
-              sink.done();
-            } else {
-              sink.write(huge.data() + offset, std::min<std::size_t>(1 << 20, huge.size() - offset));
-            }
-            return true;
-          });
+      response.set_chunked_content_provider("application/json", [&](std::size_t offset,
+                                                                    httplib::DataSink& sink) {
+        if (offset >= huge.size()) {
+          sink.done();
+        } else {
+          sink.write(huge.data() + offset, std::min<std::size_t>(1 << 20, huge.size() - offset));
+        }
+        return true;
+      });
     });
     const APIError e =
         expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::badResponse);

@@ -51,10 +51,12 @@ TEST(HTTPStatusTextTest, RegisteredPhrasesAndClassFallbacks) {
     const char* text;
   };
   const Case cases[] = {
-      {100, "Continue"},       {200, "OK"},           {302, "Found"},
-      {401, "Unauthorized"},   {502, "Bad Gateway"},  {511, "Network Authentication Required"},
-      {299, "Success"},        {419, "Client Error"}, {599, "Server Error"},
-      {0, "Unknown Status"},   {700, "Unknown Status"},
+      {100, "Continue"},       {200, "OK"},
+      {302, "Found"},          {401, "Unauthorized"},
+      {502, "Bad Gateway"},    {511, "Network Authentication Required"},
+      {299, "Success"},        {419, "Client Error"},
+      {599, "Server Error"},   {0, "Unknown Status"},
+      {700, "Unknown Status"},
   };
   for (const auto& c : cases) EXPECT_EQ(httpStatusText(c.status), c.text) << c.status;
 }

@@ -1,13 +1,12 @@
 // Runs the real corvane-devserver on loopback and drives it with the real
 // API client, the way a local run of the agent would.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <httplib.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <condition_variable>
 #include <cstdlib>
@@ -122,9 +121,9 @@ constexpr const char* kUserAgent = "corvane-mac/0.0.1";
 
 TEST(DevServerTest, PairsSyncsServesTheOutboxAndRecordsEverything) {
   if (!std::getenv("CORVANE_TEST_BIN_DIR")) GTEST_SKIP() << "run through ctest";
-  DevServerProcess process({"--port", "0", "--pair-code", "ABCD", "--roster",
-                            "+15550001,+15550002", "--self-handle", "me@example.test",
-                            "--poll-interval", "5", "--outbox", "+15550001=Hello there"});
+  DevServerProcess process({"--port", "0", "--pair-code", "ABCD", "--roster", "+15550001,+15550002",
+                            "--self-handle", "me@example.test", "--poll-interval", "5", "--outbox",
+                            "+15550001=Hello there"});
   ASSERT_TRUE(process.started()) << "corvane-devserver was not built";
   const std::string url = process.url();
   ASSERT_TRUE(url.starts_with("http://127.0.0.1:")) << url;
@@ -148,30 +147,38 @@ TEST(DevServerTest, PairsSyncsServesTheOutboxAndRecordsEverything) {
   }
 
   APIClient api(url, paired.token, kUserAgent);
-  EXPECT_EQ(api.getConfig(),
-            (AgentConfig{1, {"+15550001", "+15550002"}, 30, 30, 5, {true, {"me@example.test"}},
-                         "dev"}));
+  EXPECT_EQ(
+      api.getConfig(),
+      (AgentConfig{1, {"+15550001", "+15550002"}, 30, 30, 5, {true, {"me@example.test"}}, "dev"}));
 
-  const SyncedMessage onRoster{"g1", "+15550001", "hi", false, "2023-11-14T22:13:20.123Z",
-                               "iMessage", {AttachmentKind::image}, {}, {}};
-  const SyncedMessage offRoster{"g2", "+15559999", "psst", true, "2023-11-14T22:13:21.000Z",
-                                "SMS", {}, {}, {}};
-  const DirectoryEntry entry{"+15550001", "Alex", {}, {}, {}, "iMessage",
-                             "2023-11-14T22:13:20.123Z", false, 1};
+  const SyncedMessage onRoster{"g1",
+                               "+15550001",
+                               "hi",
+                               false,
+                               "2023-11-14T22:13:20.123Z",
+                               "iMessage",
+                               {AttachmentKind::image},
+                               {},
+                               {}};
+  const SyncedMessage offRoster{"g2",  "+15559999", "psst", true, "2023-11-14T22:13:21.000Z",
+                                "SMS", {},          {},     {}};
+  const DirectoryEntry entry{
+      "+15550001", "Alex", {}, {}, {}, "iMessage", "2023-11-14T22:13:20.123Z", false, 1};
   EXPECT_EQ(api.sync({{entry}, {onRoster, offRoster}, 42}), (SyncResponse{1, 1}));
 
   // The seeded item, then one added through the development endpoint with an
   // id that needs escaping on its way back in the ack path.
   httplib::Client dev(url);
-  const auto added = dev.Post("/dev/outbox", R"({"id":"a b/c","handle":"me","text":"Noted",)"
-                                             R"("kind":"assistant"})",
+  const auto added = dev.Post("/dev/outbox",
+                              R"({"id":"a b/c","handle":"me","text":"Noted",)"
+                              R"("kind":"assistant"})",
                               "application/json");
   ASSERT_TRUE(added);
   EXPECT_EQ(added->status, 200) << added->body;
   const auto outbox = api.getOutbox();
   ASSERT_EQ(outbox.items.size(), 2u);
-  EXPECT_EQ(outbox.items[0], (OutboxItem{"item-1", "+15550001", "Hello there",
-                                         OutboxItem::Kind::user}));
+  EXPECT_EQ(outbox.items[0],
+            (OutboxItem{"item-1", "+15550001", "Hello there", OutboxItem::Kind::user}));
   EXPECT_EQ(outbox.items[1].id, "a b/c");
   api.ackOutbox("item-1", {SendStatus::sent, {}});
   api.ackOutbox("a b/c", {SendStatus::failed, "not delivered"});
@@ -184,10 +191,10 @@ TEST(DevServerTest, PairsSyncsServesTheOutboxAndRecordsEverything) {
                   true, std::vector<std::string>{"me@example.test"}});
 
   // Bodies are checked against the wire records.
-  const auto bad = dev.Post("/api/agent/sync",
-                            httplib::Headers{{"Authorization", "Bearer " + paired.token},
-                                             {"X-Quoddle-Protocol", "1"}},
-                            R"({"directory":[],"messages":[]})", "application/json");
+  const auto bad = dev.Post(
+      "/api/agent/sync",
+      httplib::Headers{{"Authorization", "Bearer " + paired.token}, {"X-Quoddle-Protocol", "1"}},
+      R"({"directory":[],"messages":[]})", "application/json");
   ASSERT_TRUE(bad);
   EXPECT_EQ(bad->status, 400);
   EXPECT_EQ(decodeJSON<ErrorBody>(bad->body).message,

@@ -39,7 +39,8 @@ TEST(ServerURLTest, ValidateNormalizesAcceptableServers) {
 }
 
 TEST(ServerURLTest, ValidatedURLIsItsOwnNormalForm) {
-  for (const char* input : {" HTTPS://Example.test/api?x=1 ", "http://[::1]:80/", "https://a.test"}) {
+  for (const char* input :
+       {" HTTPS://Example.test/api?x=1 ", "http://[::1]:80/", "https://a.test"}) {
     const auto once = ServerURL::validate(input);
     ASSERT_TRUE(once) << input;
     EXPECT_EQ(ServerURL::validate(*once), once) << input;
@@ -47,8 +48,8 @@ TEST(ServerURLTest, ValidatedURLIsItsOwnNormalForm) {
 }
 
 TEST(ServerURLTest, LoopbackHosts) {
-  for (const char* host : {"localhost", "LOCALHOST", "app.localhost", "127.0.0.1", "127.0.0.2",
-                           "::1", "[::1]"}) {
+  for (const char* host :
+       {"localhost", "LOCALHOST", "app.localhost", "127.0.0.1", "127.0.0.2", "::1", "[::1]"}) {
     EXPECT_TRUE(ServerURL::isLoopback(host)) << host;
   }
   for (const char* host : {"localhost.example.test", "10.0.0.1", "128.0.0.1", "::2", "",

@@ -13,8 +13,8 @@ SyncedMessage plainMessage() {
 }
 
 DirectoryEntry fullEntry() {
-  return {"alex@example.test", "Alex A", "Alex", "A", "Al", "iMessage",
-          "2023-11-14T22:13:20.123Z", true, 12};
+  return {"alex@example.test",        "Alex A", "Alex", "A", "Al", "iMessage",
+          "2023-11-14T22:13:20.123Z", true,     12};
 }
 
 TEST(WireJSONTest, EncodesKeysInDeclaredOrderWithNullOrOmittedOptionals) {
@@ -29,8 +29,15 @@ TEST(WireJSONTest, EncodesKeysInDeclaredOrderWithNullOrOmittedOptionals) {
        R"("sentAt":"2023-11-14T22:13:20.123Z","service":"iMessage","attachments":[],)"
        R"("reaction":null,"replyToGuid":null})"},
       {"message with everything",
-       encodeJSON(SyncedMessage{"g2", "h", "t", true, "s", "SMS",
-                                {AttachmentKind::image, AttachmentKind::file}, "Loved", "g1"}),
+       encodeJSON(SyncedMessage{"g2",
+                                "h",
+                                "t",
+                                true,
+                                "s",
+                                "SMS",
+                                {AttachmentKind::image, AttachmentKind::file},
+                                "Loved",
+                                "g1"}),
        R"({"guid":"g2","handle":"h","text":"t","isFromMe":true,"sentAt":"s","service":"SMS",)"
        R"("attachments":["image","file"],"reaction":"Loved","replyToGuid":"g1"})"},
       {"directory entry without names",
@@ -43,8 +50,13 @@ TEST(WireJSONTest, EncodesKeysInDeclaredOrderWithNullOrOmittedOptionals) {
       {"failed ack", encodeJSON(OutboxAck{SendStatus::failed, "not delivered"}),
        R"({"status":"failed","error":"not delivered"})"},
       {"status without own handles",
-       encodeJSON(AgentStatusRequest{"0.1.0", "macOS 14.5", true, PermissionState::granted,
-                                     PermissionState::denied, false, {}}),
+       encodeJSON(AgentStatusRequest{"0.1.0",
+                                     "macOS 14.5",
+                                     true,
+                                     PermissionState::granted,
+                                     PermissionState::denied,
+                                     false,
+                                     {}}),
        R"({"appVersion":"0.1.0","osVersion":"macOS 14.5","fullDiskAccess":true,)"
        R"("contactsAccess":"granted","automationAccess":"denied","messagesReady":false})"},
       {"status with own handles",
@@ -80,13 +92,19 @@ TEST(WireJSONTest, EveryRecordDecodesWhatItEncodes) {
   expectRoundTrip(PairResponse{"tok", "dev-1", {}});
   expectRoundTrip(AgentConfig{1, {"+1555", "a@b.test"}, 30, 14, 60, {true, {"me"}}, "free"});
   expectRoundTrip(fullEntry());
-  expectRoundTrip(SyncRequest{{fullEntry()},
-                              {plainMessage(),
-                               SyncedMessage{"g2", "h", "t\n\"q\" ✓", true, "s", "SMS",
-                                             {AttachmentKind::video, AttachmentKind::audio,
-                                              AttachmentKind::sticker},
-                                             "Liked", "g1"}},
-                              9007199254740993});
+  expectRoundTrip(SyncRequest{
+      {fullEntry()},
+      {plainMessage(),
+       SyncedMessage{"g2",
+                     "h",
+                     "t\n\"q\" ✓",
+                     true,
+                     "s",
+                     "SMS",
+                     {AttachmentKind::video, AttachmentKind::audio, AttachmentKind::sticker},
+                     "Liked",
+                     "g1"}},
+      9007199254740993});
   expectRoundTrip(SyncResponse{5, 2});
   expectRoundTrip(OutboxResponse{{{"1", "h", "t", OutboxItem::Kind::user},
                                   {"2", "me", "reply", OutboxItem::Kind::assistant}}});
@@ -94,8 +112,7 @@ TEST(WireJSONTest, EveryRecordDecodesWhatItEncodes) {
   expectRoundTrip(SelfMessageRequest{"g", "note", "2023-11-14T22:13:20.123Z"});
   expectRoundTrip(SelfMessageResponse{3});
   expectRoundTrip(AgentStatusRequest{"1", "Linux 6.1", true, PermissionState::denied,
-                                     PermissionState::granted, true,
-                                     std::vector<std::string>{}});
+                                     PermissionState::granted, true, std::vector<std::string>{}});
   expectRoundTrip(ErrorBody{"bad_code", "That code has expired"});
 }
 
@@ -224,10 +241,15 @@ TEST(WireJSONTest, IgnoredBodyAcceptsAnyJSONValue) {
 }
 
 TEST(WireJSONTest, InvalidUTF8IsReplacedRatherThanFailingTheEncoding) {
-  SelfMessageRequest note{"g", "ab\xff" "cd", "s"};
+  SelfMessageRequest note{"g",
+                          "ab\xff"
+                          "cd",
+                          "s"};
   std::string encoded;
   ASSERT_NO_THROW(encoded = encodeJSON(note));
-  EXPECT_EQ(decodeJSON<SelfMessageRequest>(encoded).text, "ab\xEF\xBF\xBD" "cd");
+  EXPECT_EQ(decodeJSON<SelfMessageRequest>(encoded).text,
+            "ab\xEF\xBF\xBD"
+            "cd");
 }
 
 TEST(WireJSONTest, NestedErrorKeepsReasonAndBuildsThePath) {

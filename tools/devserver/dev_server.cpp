@@ -166,11 +166,11 @@ DevServer::Reply DevServer::sync(const httplib::Request& request, httplib::Respo
   const Device device = authorize(request);
   const auto upload = decodeBody<SyncRequest>(request, "SyncRequest");
   const SyncResponse answer = store_.storeSync(device, upload, roster_);
-  return {encodeJSON(answer), plural(upload.messages.size(), "message", "messages") + ", " +
-                                  plural(upload.directory.size(), "directory entry",
-                                         "directory entries") +
-                                  ", cursor " + std::to_string(upload.cursor) + ", " +
-                                  std::to_string(answer.dropped) + " dropped"};
+  return {encodeJSON(answer),
+          plural(upload.messages.size(), "message", "messages") + ", " +
+              plural(upload.directory.size(), "directory entry", "directory entries") +
+              ", cursor " + std::to_string(upload.cursor) + ", " + std::to_string(answer.dropped) +
+              " dropped"};
 }
 
 DevServer::Reply DevServer::outbox(const httplib::Request& request, httplib::Response&) {
@@ -221,7 +221,8 @@ DevServer::Reply DevServer::devAddOutbox(const httplib::Request& request, httpli
   try {
     item = body.get<OutboxItem>();
   } catch (const DecodingError& e) {
-    throw Rejection{400, "bad_request", "The body is not a valid outbox item: " + std::string(e.what())};
+    throw Rejection{400, "bad_request",
+                    "The body is not a valid outbox item: " + std::string(e.what())};
   }
   try {
     item = store_.addOutboxItem(std::move(item));

@@ -208,8 +208,8 @@ OutboxItem DevStore::addOutboxItem(OutboxItem item) {
 std::vector<OutboxItem> DevStore::pendingOutbox() {
   std::lock_guard lock(mutex_);
   std::vector<OutboxItem> items;
-  Statement query(db_,
-                  "SELECT id, handle, text, kind FROM outbox WHERE ack_status IS NULL ORDER BY seq");
+  Statement query(
+      db_, "SELECT id, handle, text, kind FROM outbox WHERE ack_status IS NULL ORDER BY seq");
   while (query.step()) {
     items.push_back({query.string(0), query.string(1), query.string(2),
                      WireJSON(query.string(3)).get<OutboxItem::Kind>()});
@@ -257,12 +257,13 @@ WireJSON DevStore::state() {
                        "SELECT device_id, device_name, platform, agent_version, cursor, paired_at"
                        " FROM devices ORDER BY paired_at, device_id");
   while (deviceRows.step()) {
-    devices.push_back({{"deviceId", deviceRows.string(0)},
-                       {"deviceName", deviceRows.string(1)},
-                       {"platform", deviceRows.string(2)},
-                       {"agentVersion", deviceRows.string(3)},
-                       {"cursor", deviceRows.isNull(4) ? WireJSON() : WireJSON(deviceRows.integer(4))},
-                       {"pairedAt", deviceRows.string(5)}});
+    devices.push_back(
+        {{"deviceId", deviceRows.string(0)},
+         {"deviceName", deviceRows.string(1)},
+         {"platform", deviceRows.string(2)},
+         {"agentVersion", deviceRows.string(3)},
+         {"cursor", deviceRows.isNull(4) ? WireJSON() : WireJSON(deviceRows.integer(4))},
+         {"pairedAt", deviceRows.string(5)}});
   }
   state["devices"] = std::move(devices);
   state["messages"] = records(db_, "SELECT record FROM messages ORDER BY rowid");

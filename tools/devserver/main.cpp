@@ -24,7 +24,8 @@ namespace {
 using namespace corvane;
 using namespace corvane::devserver;
 
-constexpr const char* kUsage = R"(corvane-devserver: a local development server for the Corvane agent API.
+constexpr const char* kUsage =
+    R"(corvane-devserver: a local development server for the Corvane agent API.
 
 This is a development tool, not the Corvane service: plain HTTP on this
 machine, no accounts, every request logged. It pairs devices with the codes
@@ -146,9 +147,8 @@ Options parseOptions(int argc, char** argv) {
     } else if (arg == "--outbox") {
       const auto eq = value.find('=');
       if (eq == std::string_view::npos || eq == 0) usageError("--outbox wants HANDLE=TEXT");
-      options.outbox.push_back(
-          {"", std::string(value.substr(0, eq)), std::string(value.substr(eq + 1)),
-           OutboxItem::Kind::user});
+      options.outbox.push_back({"", std::string(value.substr(0, eq)),
+                                std::string(value.substr(eq + 1)), OutboxItem::Kind::user});
     } else {
       usageError("unknown option " + std::string(arg));
     }

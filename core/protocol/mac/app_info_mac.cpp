@@ -33,7 +33,8 @@ const std::string& deviceName() {
       CFRelease(name);
       if (ok && buffer[0] != '\0') return std::string(buffer);
     }
-    if (gethostname(buffer, sizeof buffer - 1) == 0 && buffer[0] != '\0') return std::string(buffer);
+    if (gethostname(buffer, sizeof buffer - 1) == 0 && buffer[0] != '\0')
+      return std::string(buffer);
     return std::string("localhost");
   }();
   return value;
