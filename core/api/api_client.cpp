@@ -62,6 +62,25 @@ std::string headerLine(std::string_view name, std::string_view value) {
   return line;
 }
 
+// The request headers in their order; Authorization only with a token,
+// Content-Type only with a body.
+std::unique_ptr<curl_slist, SlistDeleter> requestHeaders(const std::string& userAgent,
+                                                         const std::optional<std::string>& token,
+                                                         bool hasBody) {
+  curl_slist* list = nullptr;
+  const auto add = [&list](const std::string& line) {
+    if (curl_slist* longer = curl_slist_append(list, line.c_str())) list = longer;
+  };
+  add("Accept: application/json");
+  add(headerLine("User-Agent", userAgent));
+  add(headerLine("X-Quoddle-Protocol", std::to_string(QuoddleProtocol::version)));
+  if (token) add(headerLine("Authorization", "Bearer " + *token));
+  if (hasBody) add("Content-Type: application/json");
+  // libcurl would otherwise ask large uploads to wait for "100 Continue".
+  add("Expect:");
+  return std::unique_ptr<curl_slist, SlistDeleter>(list);
+}
+
 std::optional<ErrorBody> errorBodyOf(const std::string& body) {
   try {
     return decodeJSON<ErrorBody>(body);
@@ -120,18 +139,7 @@ std::string APIClient::perform(const char* method, const std::string& path,
   if (!curl) throw APIError::network("Can't reach " + host + " (out of memory)");
   CURL* const h = curl.get();
 
-  curl_slist* rawHeaders = nullptr;
-  const auto addHeader = [&rawHeaders](const std::string& line) {
-    if (curl_slist* longer = curl_slist_append(rawHeaders, line.c_str())) rawHeaders = longer;
-  };
-  addHeader("Accept: application/json");
-  addHeader(headerLine("User-Agent", userAgent_));
-  addHeader(headerLine("X-Quoddle-Protocol", std::to_string(QuoddleProtocol::version)));
-  if (token_) addHeader(headerLine("Authorization", "Bearer " + *token_));
-  if (body) addHeader("Content-Type: application/json");
-  // libcurl would otherwise ask large uploads to wait for "100 Continue".
-  addHeader("Expect:");
-  const std::unique_ptr<curl_slist, SlistDeleter> headers(rawHeaders);
+  const auto headers = requestHeaders(userAgent_, token_, body.has_value());
 
   Answer answer;
   char errorText[CURL_ERROR_SIZE] = {};
