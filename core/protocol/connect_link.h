@@ -10,10 +10,10 @@
 namespace corvane {
 
 struct ConnectLink {
-  std::string code;
+  std::string code{};
   // Already validated (ServerURL::validate); absent when the link named none
   // or named one the agent would refuse.
-  std::optional<std::string> server;
+  std::optional<std::string> server{};
   bool operator==(const ConnectLink&) const = default;
 
   // The link in `url`, or nothing when it is not a connect link with a code

@@ -19,44 +19,44 @@ inline constexpr const char* deepLinkScheme = "corvane";
 }  // namespace QuoddleProtocol
 
 struct PairRequest {
-  std::string code;
-  std::string deviceName;
-  std::string platform;
-  std::string agentVersion;
+  std::string code{};
+  std::string deviceName{};
+  std::string platform{};
+  std::string agentVersion{};
   bool operator==(const PairRequest&) const = default;
 };
 
 struct PairResponse {
-  std::string token;
-  std::string deviceId;
-  std::optional<std::string> userName;
+  std::string token{};
+  std::string deviceId{};
+  std::optional<std::string> userName{};
   bool operator==(const PairResponse&) const = default;
 };
 
 struct AgentConfig {
   struct SelfChannel {
     bool enabled = false;
-    std::vector<std::string> handles;
+    std::vector<std::string> handles{};
     bool operator==(const SelfChannel&) const = default;
   };
   std::int64_t protocolVersion = 0;
-  std::vector<std::string> rosterHandles;
+  std::vector<std::string> rosterHandles{};
   std::int64_t backfillDays = 0;
   std::int64_t directoryDays = 0;
   std::int64_t pollIntervalSec = 0;
   SelfChannel selfChannel;
-  std::string plan;
+  std::string plan{};
   bool operator==(const AgentConfig&) const = default;
 };
 
 struct DirectoryEntry {
-  std::string handle;
-  std::optional<std::string> displayName;
-  std::optional<std::string> firstName;
-  std::optional<std::string> lastName;
-  std::optional<std::string> nickname;
-  std::string service;
-  std::string lastMessageAt;
+  std::string handle{};
+  std::optional<std::string> displayName{};
+  std::optional<std::string> firstName{};
+  std::optional<std::string> lastName{};
+  std::optional<std::string> nickname{};
+  std::string service{};
+  std::string lastMessageAt{};
   bool lastFromMe = false;
   std::int64_t messageCount = 0;
   bool operator==(const DirectoryEntry&) const = default;
@@ -65,21 +65,21 @@ struct DirectoryEntry {
 enum class AttachmentKind { image, video, audio, sticker, file };
 
 struct SyncedMessage {
-  std::string guid;
-  std::string handle;
-  std::string text;
+  std::string guid{};
+  std::string handle{};
+  std::string text{};
   bool isFromMe = false;
-  std::string sentAt;
-  std::string service;
-  std::vector<AttachmentKind> attachments;
-  std::optional<std::string> reaction;
-  std::optional<std::string> replyToGuid;
+  std::string sentAt{};
+  std::string service{};
+  std::vector<AttachmentKind> attachments{};
+  std::optional<std::string> reaction{};
+  std::optional<std::string> replyToGuid{};
   bool operator==(const SyncedMessage&) const = default;
 };
 
 struct SyncRequest {
-  std::vector<DirectoryEntry> directory;
-  std::vector<SyncedMessage> messages;
+  std::vector<DirectoryEntry> directory{};
+  std::vector<SyncedMessage> messages{};
   std::int64_t cursor = 0;
   bool operator==(const SyncRequest&) const = default;
 };
@@ -92,15 +92,15 @@ struct SyncResponse {
 
 struct OutboxItem {
   enum class Kind { user, assistant };
-  std::string id;
-  std::string handle;
-  std::string text;
+  std::string id{};
+  std::string handle{};
+  std::string text{};
   Kind kind = Kind::user;
   bool operator==(const OutboxItem&) const = default;
 };
 
 struct OutboxResponse {
-  std::vector<OutboxItem> items;
+  std::vector<OutboxItem> items{};
   bool operator==(const OutboxResponse&) const = default;
 };
 
@@ -108,14 +108,14 @@ enum class SendStatus { sent, failed };
 
 struct OutboxAck {
   SendStatus status = SendStatus::sent;
-  std::optional<std::string> error;
+  std::optional<std::string> error{};
   bool operator==(const OutboxAck&) const = default;
 };
 
 struct SelfMessageRequest {
-  std::string guid;
-  std::string text;
-  std::string sentAt;
+  std::string guid{};
+  std::string text{};
+  std::string sentAt{};
   bool operator==(const SelfMessageRequest&) const = default;
 };
 
@@ -127,20 +127,20 @@ struct SelfMessageResponse {
 enum class PermissionState { granted, denied, unknown };
 
 struct AgentStatusRequest {
-  std::string appVersion;
-  std::string osVersion;
+  std::string appVersion{};
+  std::string osVersion{};
   bool fullDiskAccess = false;
   PermissionState contactsAccess = PermissionState::unknown;
   PermissionState automationAccess = PermissionState::unknown;
   bool messagesReady = false;
-  std::optional<std::vector<std::string>> ownHandles;
+  std::optional<std::vector<std::string>> ownHandles{};
   bool operator==(const AgentStatusRequest&) const = default;
 };
 
 // The body of an error answer; only its texts are of interest.
 struct ErrorBody {
-  std::optional<std::string> error;
-  std::optional<std::string> message;
+  std::optional<std::string> error{};
+  std::optional<std::string> message{};
   bool operator==(const ErrorBody&) const = default;
 };
 
