@@ -1,0 +1,11 @@
+// Outside macOS the settings live in a JSON file beside the token.
+#include "app/platform/user_defaults.h"
+
+namespace corvane {
+
+std::unique_ptr<UserDefaults> UserDefaults::makeDefault() {
+  return std::make_unique<JsonFileUserDefaults>(
+      JsonFileUserDefaults::defaultPath(UserDirectories::processEnvironment));
+}
+
+}  // namespace corvane

@@ -1,0 +1,275 @@
+#include "app/platform/permissions.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "core/send/apple_scripts.h"
+#include "tests/support/chat_db_builder.h"
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ChatDbBuilder;
+using testing::TempDir;
+
+// Answers like the Apple-event and workspace calls would, and records them.
+class FakePrivacyServices final : public PrivacyServices {
+ public:
+  std::optional<int> status;
+  std::vector<std::string> askedAbout;
+  std::vector<std::string> opened;
+
+  std::optional<int> automationStatus(std::string_view bundleId) override {
+    askedAbout.emplace_back(bundleId);
+    return status;
+  }
+  void openURL(const std::string& url) override { opened.push_back(url); }
+};
+
+TEST(PrivacyPaneTest, BuildsTheSettingsURLOfEachAnchor) {
+  EXPECT_EQ(PrivacyPane::url(PrivacyPane::fullDiskAccess),
+            "x-apple.systempreferences:com.apple.preference.security?Privacy_AllFiles");
+  EXPECT_EQ(PrivacyPane::url(PrivacyPane::automation),
+            "x-apple.systempreferences:com.apple.preference.security?Privacy_Automation");
+  EXPECT_EQ(PrivacyPane::url(PrivacyPane::contacts),
+            "x-apple.systempreferences:com.apple.preference.security?Privacy_Contacts");
+}
+
+TEST(PrivacyPaneTest, AnchorThatMakesNoURLGivesNone) {
+  for (const char* anchor : {"Privacy AllFiles", "Privacy_\u00c4", "Privacy_%zz", "Privacy_%4",
+                             "a#b#c", "a\"b", "a<b>", "a\\b", "a\nb"}) {
+    SCOPED_TRACE(anchor);
+    EXPECT_EQ(PrivacyPane::url(anchor), std::nullopt);
+  }
+  for (const char* anchor : {"", "Privacy_Automation&x=1", "a%20b", "a#frag", "a/b?c=d:e@f"}) {
+    SCOPED_TRACE(anchor);
+    EXPECT_EQ(PrivacyPane::url(anchor), std::string(PrivacyPane::urlPrefix) + anchor);
+  }
+}
+
+TEST(FullDiskAccessTest, DecidesFromTheAccessCheck) {
+  using Kind = ChatDB::Access::Kind;
+  const struct {
+    ChatDB::Access access;
+    bool privacyDatabaseOpens;
+    FullDiskAccess expected;
+  } cases[] = {
+      {{Kind::ok, 42, ""}, false, {true, true}},
+      {{Kind::ok, 1, ""}, false, {true, true}},
+      {{Kind::ok, 0, ""}, true, {true, false}},
+      {{Kind::ok, -1, ""}, true, {true, false}},
+      {{Kind::noFullDiskAccess, 0, ""}, true, {false, false}},
+      {{Kind::missing, 0, ""}, true, {true, false}},
+      {{Kind::missing, 0, ""}, false, {false, false}},
+      {{Kind::other, 0, "disk I/O error"}, true, {true, false}},
+      {{Kind::other, 0, "disk I/O error"}, false, {false, false}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << static_cast<int>(c.access.kind) << " rows "
+                                      << c.access.maxRowId << " tcc " << c.privacyDatabaseOpens);
+    int consulted = 0;
+    const auto result = Permissions::fullDiskAccessFrom(c.access, [&] {
+      ++consulted;
+      return c.privacyDatabaseOpens;
+    });
+    EXPECT_EQ(result, c.expected);
+    // Only a database that can't tell sends the probe to the privacy database.
+    const bool fallsBack = c.access.kind == Kind::missing || c.access.kind == Kind::other;
+    EXPECT_EQ(consulted, fallsBack ? 1 : 0);
+  }
+}
+
+TEST(AutomationTest, MapsAppleEventStatuses) {
+  const struct {
+    int status;
+    std::optional<PermissionState> expected;
+  } cases[] = {
+      {0, PermissionState::granted},
+      {-1743, PermissionState::denied},
+      {-1744, PermissionState::unknown},
+      {-600, std::nullopt},  // procNotFound: Messages isn't running
+      {-1745, std::nullopt},
+      {1, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.status);
+    EXPECT_EQ(Permissions::automationFromStatus(c.status), c.expected);
+  }
+}
+
+TEST(AutomationTest, ProbeRunOutcomes) {
+  const struct {
+    OsascriptResult run;
+    PermissionState expected;
+    bool hasMessage;
+  } cases[] = {
+      {{0, "Messages", ""}, PermissionState::granted, false},
+      {{1, "", "execution error: Not authorized to send Apple events to Messages. (-1743)"},
+       PermissionState::denied,
+       false},
+      {{1, "", "NOT AUTHORISED"}, PermissionState::denied, false},
+      {{1, "", "error (-1743)"}, PermissionState::denied, false},
+      {{1, "", "execution error: Messages got an error: Connection is invalid. (-609)"},
+       PermissionState::unknown,
+       true},
+      {{9, "", "osascript timed out after 90s"}, PermissionState::unknown, true},
+      {{-1, "", ""}, PermissionState::unknown, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.run.stderrText);
+    const auto outcome = Permissions::automationFromProbeRun(c.run);
+    EXPECT_EQ(outcome.state, c.expected);
+    if (c.hasMessage) {
+      EXPECT_EQ(outcome.message, Osascript::explain(c.run.stderrText));
+    } else {
+      EXPECT_EQ(outcome.message, std::nullopt);
+    }
+  }
+}
+
+TEST(AutomationAnswerTest, StoredTextReadsAsState) {
+  TempDir temp;
+  JsonFileUserDefaults defaults(temp.file("defaults.json"));
+  EXPECT_EQ(Permissions::loadAutomationAnswer(defaults), PermissionState::unknown);
+  const struct {
+    const char* stored;
+    PermissionState expected;
+  } cases[] = {
+      {"granted", PermissionState::granted}, {"denied", PermissionState::denied},
+      {"unknown", PermissionState::unknown}, {"maybe", PermissionState::unknown},
+      {"Granted", PermissionState::unknown}, {"", PermissionState::unknown},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.stored);
+    ASSERT_TRUE(defaults.setString(DefaultsKey::automation, c.stored));
+    EXPECT_EQ(Permissions::loadAutomationAnswer(defaults), c.expected);
+  }
+  for (const auto& c : cases) {
+    if (c.expected == PermissionState::unknown && std::string_view(c.stored) != "unknown") continue;
+    SCOPED_TRACE(c.stored);
+    ASSERT_TRUE(Permissions::saveAutomationAnswer(defaults, c.expected));
+    EXPECT_EQ(defaults.getString(DefaultsKey::automation), c.stored);
+  }
+}
+
+// SystemPermissionProbes on real files and a stand-in for osascript.
+class SystemPermissionProbesTest : public ::testing::Test {
+ protected:
+  TempDir home_;
+  FakePrivacyServices* services_ = new FakePrivacyServices;  // owned by probes_
+  struct ScriptCall {
+    std::string script;
+    std::vector<std::string> args;
+    double timeoutSec;
+  };
+  std::vector<ScriptCall> calls_;
+  std::string standInBody_ = "cat >/dev/null; echo Messages";
+  // How long the stand-in may really run; the probe asks for 90 seconds.
+  double realTimeoutSec_ = 30;
+
+  SystemPermissionProbes probes_{
+      std::unique_ptr<PrivacyServices>(services_), home_.path(),
+      [this](std::string_view script, const std::vector<std::string>& args, double timeoutSec) {
+        calls_.push_back({std::string(script), args, timeoutSec});
+        const std::string path = home_.file("osascript");
+        std::ofstream(path) << "#!/bin/sh\n" << standInBody_ << "\n";
+        ::chmod(path.c_str(), 0755);
+        return Osascript::runProgram(path, script, args, realTimeoutSec_);
+      }};
+
+  void makePrivacyDatabase() {
+    const fs::path tcc = fs::path(home_.path()) / Permissions::privacyDatabase;
+    fs::create_directories(tcc.parent_path());
+    std::ofstream(tcc) << "";
+  }
+};
+
+TEST_F(SystemPermissionProbesTest, ReadableDatabaseWithMessagesIsReady) {
+  ChatDbBuilder db(home_.file("chat.db"));
+  db.message(db.oneToOne("+14155550100"), "hi");
+  EXPECT_EQ(probes_.probeFullDiskAccess(db.path()), (FullDiskAccess{true, true}));
+}
+
+TEST_F(SystemPermissionProbesTest, EmptyDatabaseIsReadableButNotReady) {
+  ChatDbBuilder db(home_.file("chat.db"));
+  EXPECT_EQ(probes_.probeFullDiskAccess(db.path()), (FullDiskAccess{true, false}));
+}
+
+TEST_F(SystemPermissionProbesTest, MissingDatabaseFallsBackToThePrivacyDatabase) {
+  const std::string missing = home_.file("Library/Messages/chat.db");
+  EXPECT_EQ(probes_.probeFullDiskAccess(missing), (FullDiskAccess{false, false}));
+  makePrivacyDatabase();
+  EXPECT_EQ(probes_.probeFullDiskAccess(missing), (FullDiskAccess{true, false}));
+}
+
+TEST_F(SystemPermissionProbesTest, AutomationAsksAboutMessagesWithoutPrompting) {
+  services_->status = -1743;
+  EXPECT_EQ(probes_.automationPermission(), PermissionState::denied);
+  services_->status = std::nullopt;
+  EXPECT_EQ(probes_.automationPermission(), std::nullopt);
+  EXPECT_EQ(services_->askedAbout,
+            (std::vector<std::string>{"com.apple.MobileSMS", "com.apple.MobileSMS"}));
+  EXPECT_TRUE(calls_.empty());  // only requestAutomation runs a script
+}
+
+TEST_F(SystemPermissionProbesTest, RequestRunsTheProbeScriptForUpToNinetySeconds) {
+  EXPECT_EQ(probes_.requestAutomation(), (AutomationRequest{PermissionState::granted, {}}));
+  ASSERT_EQ(calls_.size(), 1u);
+  EXPECT_EQ(calls_[0].script, AppleScripts::probe);
+  EXPECT_TRUE(calls_[0].args.empty());
+  EXPECT_EQ(calls_[0].timeoutSec, 90);
+}
+
+TEST_F(SystemPermissionProbesTest, RefusalPrintedByOsascriptIsDenied) {
+  standInBody_ =
+      "cat >/dev/null\n"
+      "echo '0:38: execution error: Not authorised to send Apple events to Messages. (-1743)' >&2\n"
+      "exit 1";
+  EXPECT_EQ(probes_.requestAutomation(), (AutomationRequest{PermissionState::denied, {}}));
+}
+
+TEST_F(SystemPermissionProbesTest, RequestThatTimesOutIsUnknownWithAMessage) {
+  standInBody_ = "exec sleep 30";
+  realTimeoutSec_ = 0.3;
+  const auto outcome = probes_.requestAutomation();
+  EXPECT_EQ(outcome.state, PermissionState::unknown);
+  ASSERT_TRUE(outcome.message.has_value());
+  EXPECT_NE(outcome.message->find("timed out"), std::string::npos) << *outcome.message;
+}
+
+TEST_F(SystemPermissionProbesTest, RefreshKeepsTheRememberedAnswerWhenTheSystemGivesNone) {
+  JsonFileUserDefaults defaults(home_.file("defaults.json"));
+  const struct {
+    std::optional<int> status;
+    PermissionState expected;
+  } steps[] = {
+      {0, PermissionState::granted},
+      {std::nullopt, PermissionState::granted},  // Messages closed
+      {-600, PermissionState::granted},
+      {-1743, PermissionState::denied},
+      {-1744, PermissionState::unknown},
+  };
+  for (const auto& step : steps) {
+    services_->status = step.status;
+    EXPECT_EQ(Permissions::refreshAutomation(probes_, defaults), step.expected);
+    EXPECT_EQ(Permissions::loadAutomationAnswer(defaults), step.expected);
+  }
+}
+
+TEST_F(SystemPermissionProbesTest, OpensOnlyPanesThatMakeAURL) {
+  probes_.openPrivacyPane(PrivacyPane::automation);
+  probes_.openPrivacyPane("not an anchor");
+  EXPECT_EQ(services_->opened,
+            (std::vector<std::string>{
+                "x-apple.systempreferences:com.apple.preference.security?Privacy_Automation"}));
+}
+
+}  // namespace
+}  // namespace corvane

@@ -1,0 +1,232 @@
+#include "app/platform/token_store.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "app/platform/keychain_token_store.h"
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::TempDir;
+
+constexpr int errSecItemNotFound = -25300;
+constexpr int errSecDuplicateItem = -25299;
+const std::string key(TokenStore::deviceTokenKey);
+
+// Behaves like the login Keychain for generic passwords: one item per
+// (service, account), adding over an existing one fails. Switches make it
+// fail the way a locked or refusing Keychain does.
+class FakeKeychain final : public Keychain {
+ public:
+  std::map<std::pair<std::string, std::string>, KeychainItem> items;
+  int addFailure = 0;                  // status every add returns, when not 0
+  std::optional<Match> matchOverride;  // answer to every copyData, when set
+
+  int add(const KeychainItem& item) override {
+    if (addFailure != 0) return addFailure;
+    const auto [it, added] = items.emplace(std::pair(item.service, item.account), item);
+    return added ? 0 : errSecDuplicateItem;
+  }
+  Match copyData(const std::string& service, const std::string& account) override {
+    if (matchOverride) return *matchOverride;
+    const auto it = items.find({service, account});
+    if (it == items.end()) return {errSecItemNotFound, std::nullopt};
+    return {0, it->second.data};
+  }
+  int remove(const std::string& service, const std::string& account) override {
+    return items.erase({service, account}) == 1 ? 0 : errSecItemNotFound;
+  }
+};
+
+// The behaviour both stores promise, run against each.
+struct FileStoreMaker {
+  TempDir dir;
+  std::unique_ptr<TokenStore> make() {
+    return std::make_unique<FileTokenStore>(fs::path(dir.path()) / "config" / "Corvane");
+  }
+};
+struct KeychainStoreMaker {
+  std::unique_ptr<TokenStore> make() {
+    return std::make_unique<KeychainTokenStore>(std::make_unique<FakeKeychain>());
+  }
+};
+
+template <class Maker>
+class TokenStoreContract : public ::testing::Test {
+ protected:
+  Maker maker_;
+  std::unique_ptr<TokenStore> store_ = maker_.make();
+};
+using Makers = ::testing::Types<FileStoreMaker, KeychainStoreMaker>;
+TYPED_TEST_SUITE(TokenStoreContract, Makers);
+
+TYPED_TEST(TokenStoreContract, LoadWithoutItemIsAbsent) {
+  EXPECT_EQ(this->store_->load(key), std::nullopt);
+}
+
+TYPED_TEST(TokenStoreContract, SaveOverExistingTokenKeepsOnlyTheNewOne) {
+  ASSERT_TRUE(this->store_->save(key, "old-token"));
+  ASSERT_TRUE(this->store_->save(key, "new-token"));
+  EXPECT_EQ(this->store_->load(key), "new-token");
+}
+
+TYPED_TEST(TokenStoreContract, LoadAfterDeleteIsAbsentAndDeletingAgainIsSilent) {
+  ASSERT_TRUE(this->store_->save(key, "tok"));
+  this->store_->remove(key);
+  EXPECT_EQ(this->store_->load(key), std::nullopt);
+  this->store_->remove(key);
+  EXPECT_EQ(this->store_->load(key), std::nullopt);
+}
+
+TYPED_TEST(TokenStoreContract, TokensRoundTripByteForByte) {
+  // The store neither checks nor trims the token's form.
+  for (const std::string token : {"dt_\u00e9\u00df\u4e2d\U0001F511", " padded \n", "", "a=b/c+d"}) {
+    SCOPED_TRACE(token);
+    ASSERT_TRUE(this->store_->save(key, token));
+    EXPECT_EQ(this->store_->load(key), token);
+  }
+}
+
+TYPED_TEST(TokenStoreContract, KeysHoldSeparateItems) {
+  ASSERT_TRUE(this->store_->save(key, "one"));
+  ASSERT_TRUE(this->store_->save("other-key", "two"));
+  this->store_->remove("other-key");
+  EXPECT_EQ(this->store_->load(key), "one");
+}
+
+// The Keychain item itself.
+
+class KeychainTokenStoreTest : public ::testing::Test {
+ protected:
+  FakeKeychain* keychain_ = new FakeKeychain;  // owned by store_
+  KeychainTokenStore store_{std::unique_ptr<Keychain>(keychain_)};
+};
+
+TEST_F(KeychainTokenStoreTest, SavedItemHasTheProductsAttributes) {
+  ASSERT_TRUE(store_.save(key, "tok-1"));
+  ASSERT_TRUE(store_.save(key, "tok-\u00e9"));
+  ASSERT_EQ(keychain_->items.size(), 1u);
+  EXPECT_EQ(keychain_->items.begin()->second,
+            (KeychainItem{"corvane.mac", "device-token", "Corvane device token",
+                          KeychainItem::Accessibility::afterFirstUnlock, "tok-\xc3\xa9"}));
+}
+
+TEST_F(KeychainTokenStoreTest, FailedSaveLeavesNoItem) {
+  ASSERT_TRUE(store_.save(key, "old"));
+  keychain_->addFailure = -25308;  // errSecInteractionNotAllowed: locked
+  EXPECT_FALSE(store_.save(key, "new"));
+  EXPECT_TRUE(keychain_->items.empty());
+  EXPECT_EQ(store_.load(key), std::nullopt);
+}
+
+TEST_F(KeychainTokenStoreTest, LoadFoldsEveryUnusableAnswerIntoAbsent) {
+  const struct {
+    const char* what;
+    Keychain::Match match;
+  } cases[] = {
+      {"locked keychain", {-25308, std::nullopt}},
+      {"failure status with data", {-25293, "tok"}},
+      {"success without a data object", {0, std::nullopt}},
+      {"bytes that are not UTF-8", {0, std::string("tok\xff\xfe")}},
+      {"a truncated UTF-8 sequence", {0, std::string("tok\xe2\x82")}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    keychain_->matchOverride = c.match;
+    EXPECT_EQ(store_.load(key), std::nullopt);
+  }
+  keychain_->matchOverride = Keychain::Match{0, "tok"};
+  EXPECT_EQ(store_.load(key), "tok");
+}
+
+// The file store's own promises.
+
+mode_t modeOf(const fs::path& path) {
+  struct stat st {};
+  EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
+  return st.st_mode & 07777;
+}
+
+class FileTokenStoreTest : public ::testing::Test {
+ protected:
+  TempDir temp_;
+  fs::path dir_ = fs::path(temp_.path()) / "config" / "Corvane";
+  FileTokenStore store_{dir_};
+};
+
+TEST_F(FileTokenStoreTest, TokenFileIsPrivateInPrivateDirectories) {
+  const mode_t oldMask = ::umask(022);
+  const bool saved = store_.save(key, "tok");
+  ::umask(oldMask);
+  ASSERT_TRUE(saved);
+  EXPECT_EQ(modeOf(dir_ / "device-token"), 0600u);
+  EXPECT_EQ(modeOf(dir_), 0700u);
+  EXPECT_EQ(modeOf(dir_.parent_path()), 0700u);
+  // Only the token file: no temporary copy of the token is left beside it.
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1);
+}
+
+TEST_F(FileTokenStoreTest, ExistingDirectoryIsMadePrivate) {
+  fs::create_directories(dir_);
+  fs::permissions(dir_, fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read |
+                            fs::perms::group_exec | fs::perms::others_exec);
+  ASSERT_TRUE(store_.save(key, "tok"));
+  EXPECT_EQ(modeOf(dir_), 0700u);
+}
+
+TEST_F(FileTokenStoreTest, ReadsWhatAnotherInstanceSaved) {
+  ASSERT_TRUE(store_.save(key, "tok"));
+  EXPECT_EQ(FileTokenStore(dir_).load(key), "tok");
+}
+
+TEST_F(FileTokenStoreTest, FileThatIsNotUTF8IsNoToken) {
+  fs::create_directories(dir_);
+  std::ofstream(dir_ / "device-token", std::ios::binary) << "tok\xc0\x80";
+  EXPECT_EQ(store_.load(key), std::nullopt);
+}
+
+TEST_F(FileTokenStoreTest, KeysThatLeaveTheDirectoryHaveNoItem) {
+  fs::create_directories(dir_);
+  std::ofstream(dir_.parent_path() / "outside") << "secret";
+  using namespace std::string_literals;
+  for (const std::string& bad : {""s, "."s, ".."s, "../outside"s, "a/b"s, "a\0b"s}) {
+    SCOPED_TRACE(bad);
+    EXPECT_FALSE(store_.save(bad, "tok"));
+    EXPECT_EQ(store_.load(bad), std::nullopt);
+    store_.remove(bad);
+  }
+  EXPECT_TRUE(fs::exists(dir_.parent_path() / "outside"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 0);
+}
+
+TEST_F(FileTokenStoreTest, FailedSaveLeavesNoItem) {
+  // A 250-character name is a valid file, but the temporary file beside it
+  // ("<name>.XXXXXX") is too long to create, so the write itself fails after
+  // the old token has gone — the Keychain's order, on purpose.
+  const std::string longKey(250, 'k');
+  fs::create_directories(dir_);
+  std::ofstream(dir_ / longKey) << "old";
+  ASSERT_EQ(store_.load(longKey), "old");
+  EXPECT_FALSE(store_.save(longKey, "new"));
+  EXPECT_EQ(store_.load(longKey), std::nullopt);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 0);
+}
+
+TEST_F(FileTokenStoreTest, DirectoryBlockedByAFileFailsTheSave) {
+  std::ofstream(fs::path(temp_.path()) / "config") << "not a directory";
+  EXPECT_FALSE(store_.save(key, "tok"));
+  EXPECT_EQ(store_.load(key), std::nullopt);
+}
+
+}  // namespace
+}  // namespace corvane

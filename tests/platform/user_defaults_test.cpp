@@ -1,0 +1,144 @@
+#include "app/platform/user_defaults.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/platform/token_store.h"
+#include "tests/platform/fake_env.h"
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::TempDir;
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+class JsonFileUserDefaultsTest : public ::testing::Test {
+ protected:
+  TempDir temp_;
+  fs::path path_ = fs::path(temp_.path()) / "Corvane" / "defaults.json";
+  JsonFileUserDefaults defaults_{path_};
+
+  void writeRaw(const std::string& text) {
+    fs::create_directories(path_.parent_path());
+    std::ofstream(path_, std::ios::binary) << text;
+  }
+};
+
+TEST_F(JsonFileUserDefaultsTest, MissingFileReadsAsNothingSet) {
+  EXPECT_EQ(defaults_.getString(DefaultsKey::server), std::nullopt);
+  EXPECT_FALSE(defaults_.getBool(DefaultsKey::setupCompleted));
+  EXPECT_FALSE(fs::exists(path_));
+}
+
+TEST_F(JsonFileUserDefaultsTest, ValuesPersistForTheNextInstance) {
+  ASSERT_TRUE(defaults_.setString(DefaultsKey::server, "https://example.org"));
+  ASSERT_TRUE(defaults_.setString(DefaultsKey::userName, "Zo\u00eb \U0001F600"));
+  ASSERT_TRUE(defaults_.setBool(DefaultsKey::skippedMove, true));
+  ASSERT_TRUE(defaults_.setBool(DefaultsKey::skippedContacts, false));
+
+  JsonFileUserDefaults again(path_);
+  EXPECT_EQ(again.getString(DefaultsKey::server), "https://example.org");
+  EXPECT_EQ(again.getString(DefaultsKey::userName), "Zo\u00eb \U0001F600");
+  EXPECT_TRUE(again.getBool(DefaultsKey::skippedMove));
+  EXPECT_FALSE(again.getBool(DefaultsKey::skippedContacts));
+}
+
+TEST_F(JsonFileUserDefaultsTest, SettingReplacesAndRemovingForgetsOnlyThatKey) {
+  ASSERT_TRUE(defaults_.setString(DefaultsKey::deviceId, "d1"));
+  ASSERT_TRUE(defaults_.setString(DefaultsKey::deviceId, "d2"));
+  ASSERT_TRUE(defaults_.setString(DefaultsKey::userName, "Ada"));
+  ASSERT_TRUE(defaults_.remove(DefaultsKey::deviceId));
+  ASSERT_TRUE(defaults_.remove("never-set"));
+  EXPECT_EQ(defaults_.getString(DefaultsKey::deviceId), std::nullopt);
+  EXPECT_EQ(defaults_.getString(DefaultsKey::userName), "Ada");
+}
+
+TEST_F(JsonFileUserDefaultsTest, ValueOfAnotherTypeReadsAsUnset) {
+  writeRaw(R"({"server": 42, "setupCompleted": "yes", "skippedMove": 1, "chatDBPath": null})");
+  EXPECT_EQ(defaults_.getString(DefaultsKey::server), std::nullopt);
+  EXPECT_EQ(defaults_.getString(DefaultsKey::chatDBPath), std::nullopt);
+  EXPECT_FALSE(defaults_.getBool(DefaultsKey::setupCompleted));
+  EXPECT_FALSE(defaults_.getBool(DefaultsKey::skippedMove));
+}
+
+TEST_F(JsonFileUserDefaultsTest, UnreadableContentIsReplacedByTheNextChange) {
+  for (const std::string bad : {"{not json", "[1,2]", "\"text\"", ""}) {
+    SCOPED_TRACE(bad);
+    writeRaw(bad);
+    EXPECT_EQ(defaults_.getString(DefaultsKey::server), std::nullopt);
+    ASSERT_TRUE(defaults_.setString(DefaultsKey::server, "https://example.org"));
+    EXPECT_EQ(defaults_.getString(DefaultsKey::server), "https://example.org");
+  }
+}
+
+TEST_F(JsonFileUserDefaultsTest, SeesChangesMadeByAnotherProcess) {
+  ASSERT_TRUE(defaults_.setString(DefaultsKey::userName, "Ada"));
+  writeRaw(R"({"userName": "Grace", "automation": "granted"})");
+  EXPECT_EQ(defaults_.getString(DefaultsKey::userName), "Grace");
+  ASSERT_TRUE(defaults_.setBool(DefaultsKey::setupCompleted, true));
+  EXPECT_EQ(defaults_.getString(DefaultsKey::automation), "granted");
+}
+
+TEST_F(JsonFileUserDefaultsTest, FileIsPrivateAndHoldsAJsonObject) {
+  const mode_t oldMask = ::umask(022);
+  const bool saved = defaults_.setString(DefaultsKey::server, "https://example.org");
+  ::umask(oldMask);
+  ASSERT_TRUE(saved);
+  struct stat st {};
+  ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  ASSERT_EQ(::stat(path_.parent_path().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  EXPECT_EQ(nlohmann::json::parse(readFile(path_)),
+            (nlohmann::json{{"server", "https://example.org"}}));
+}
+
+TEST_F(JsonFileUserDefaultsTest, ConcurrentChangesFromOneProcessAreAllKept) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < 10; ++i) {
+        defaults_.setString("k" + std::to_string(t) + "-" + std::to_string(i), "v");
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  const auto object = nlohmann::json::parse(readFile(path_));
+  EXPECT_EQ(object.size(), 40u);
+}
+
+TEST_F(JsonFileUserDefaultsTest, FailedWriteReportsFalseAndChangesNothing) {
+  ASSERT_TRUE(defaults_.setString(DefaultsKey::server, "https://example.org"));
+  // Its directory would have to be where a file already is.
+  JsonFileUserDefaults blocked(fs::path(temp_.path()) / "Corvane" / "defaults.json" / "x");
+  EXPECT_FALSE(blocked.setString(DefaultsKey::server, "https://other.example"));
+  EXPECT_EQ(defaults_.getString(DefaultsKey::server), "https://example.org");
+}
+
+TEST(JsonFileUserDefaultsPath, SitsBesideTheToken) {
+  for (const auto& env : {testing::fakeEnv({{"HOME", "/home/ada"}}),
+                          testing::fakeEnv({{"HOME", "/home/ada"}, {"XDG_CONFIG_HOME", "/x"}})}) {
+    const fs::path path = JsonFileUserDefaults::defaultPath(env);
+    EXPECT_EQ(path.filename(), "defaults.json");
+    EXPECT_EQ(path.parent_path(), FileTokenStore::defaultDirectory(env));
+  }
+}
+
+}  // namespace
+}  // namespace corvane
