@@ -227,14 +227,6 @@ TEST_F(SystemPermissionProbesTest, RequestRunsTheProbeScriptForUpToNinetySeconds
   EXPECT_EQ(calls_[0].timeoutSec, 90);
 }
 
-TEST_F(SystemPermissionProbesTest, RefusalPrintedByOsascriptIsDenied) {
-  standInBody_ =
-      "cat >/dev/null\n"
-      "echo '0:38: execution error: Not authorised to send Apple events to Messages. (-1743)' >&2\n"
-      "exit 1";
-  EXPECT_EQ(probes_.requestAutomation(), (AutomationRequest{PermissionState::denied, {}}));
-}
-
 TEST_F(SystemPermissionProbesTest, RequestThatTimesOutIsUnknownWithAMessage) {
   standInBody_ = "exec sleep 30";
   realTimeoutSec_ = 0.3;

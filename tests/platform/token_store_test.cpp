@@ -184,11 +184,6 @@ TEST_F(FileTokenStoreTest, ExistingDirectoryIsMadePrivate) {
   EXPECT_EQ(modeOf(dir_), 0700u);
 }
 
-TEST_F(FileTokenStoreTest, ReadsWhatAnotherInstanceSaved) {
-  ASSERT_TRUE(store_.save(key, "tok"));
-  EXPECT_EQ(FileTokenStore(dir_).load(key), "tok");
-}
-
 TEST_F(FileTokenStoreTest, FileThatIsNotUTF8IsNoToken) {
   fs::create_directories(dir_);
   std::ofstream(dir_ / "device-token", std::ios::binary) << "tok\xc0\x80";

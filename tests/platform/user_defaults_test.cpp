@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "app/platform/private_file.h"
 #include "app/platform/token_store.h"
 #include "tests/platform/fake_env.h"
 #include "tests/support/temp_dir.h"
@@ -20,13 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::TempDir;
-
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 class JsonFileUserDefaultsTest : public ::testing::Test {
  protected:
@@ -105,7 +98,7 @@ TEST_F(JsonFileUserDefaultsTest, FileIsPrivateAndHoldsAJsonObject) {
   EXPECT_EQ(st.st_mode & 07777, 0600u);
   ASSERT_EQ(::stat(path_.parent_path().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0700u);
-  EXPECT_EQ(nlohmann::json::parse(readFile(path_)),
+  EXPECT_EQ(nlohmann::json::parse(*PrivateFile::read(path_)),
             (nlohmann::json{{"server", "https://example.org"}}));
 }
 
@@ -119,7 +112,7 @@ TEST_F(JsonFileUserDefaultsTest, ConcurrentChangesFromOneProcessAreAllKept) {
     });
   }
   for (auto& thread : threads) thread.join();
-  const auto object = nlohmann::json::parse(readFile(path_));
+  const auto object = nlohmann::json::parse(*PrivateFile::read(path_));
   EXPECT_EQ(object.size(), 40u);
 }
 

@@ -3,21 +3,18 @@
 #import <CoreServices/CoreServices.h>
 #import <Foundation/Foundation.h>
 
+#include "app/platform/mac/ns_text.h"
 #include "app/platform/permissions.h"
 
 namespace corvane {
 namespace {
-
-NSString* text(std::string_view s) {
-  return [[NSString alloc] initWithBytes:s.data() length:s.size() encoding:NSUTF8StringEncoding];
-}
 
 class MacPrivacyServices final : public PrivacyServices {
  public:
   std::optional<int> automationStatus(std::string_view bundleId) override {
     @autoreleasepool {
       NSAppleEventDescriptor* target =
-          [NSAppleEventDescriptor descriptorWithBundleIdentifier:text(bundleId)];
+          [NSAppleEventDescriptor descriptorWithBundleIdentifier:nsText(bundleId)];
       const AEDesc* desc = target.aeDesc;
       if (desc == nullptr) return std::nullopt;
       return AEDeterminePermissionToAutomateTarget(desc, typeWildCard, typeWildCard, false);
@@ -26,7 +23,7 @@ class MacPrivacyServices final : public PrivacyServices {
 
   void openURL(const std::string& url) override {
     @autoreleasepool {
-      NSString* string = text(url);
+      NSString* string = nsText(url);
       NSURL* target = string == nil ? nil : [NSURL URLWithString:string];
       if (target != nil) [NSWorkspace.sharedWorkspace openURL:target];
     }
