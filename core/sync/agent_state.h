@@ -17,7 +17,7 @@ namespace corvane {
 // One text the agent sent into the self chat or posted to the server,
 // remembered for echo and duplicate checks.
 struct SentText {
-  std::string text;
+  std::string text{};
   std::int64_t at = 0;  // Unix milliseconds
   bool operator==(const SentText&) const = default;
 };
@@ -28,9 +28,9 @@ struct OutboxDone {
   // dies mid-send leaves it behind, so the item is reported failed, not resent.
   static constexpr const char* interruptedError = "interrupted before send completed";
 
-  std::string id;
+  std::string id{};
   SendStatus status = SendStatus::sent;
-  std::optional<std::string> error;
+  std::optional<std::string> error{};
   std::int64_t at = 0;  // Unix milliseconds
   bool acked = false;
   bool operator==(const OutboxDone&) const = default;
@@ -38,17 +38,17 @@ struct OutboxDone {
 
 // The default value is what a new agent starts from.
 struct AgentState {
-  std::optional<std::int64_t> cursor;                // highest message row id uploaded
-  std::optional<std::int64_t> selfCursor;            // highest note-to-self row id handled
-  std::vector<std::string> backfilled;               // roster handles whose history was backfilled
-  std::map<std::string, std::string> directorySent;  // handle -> fingerprint last uploaded
-  std::optional<std::int64_t> directoryFullAt;       // last full directory upload, Unix ms
-  std::vector<SentText> assistantSent;               // replies sent into the self chat
-  std::vector<SentText> selfPosted;                  // notes posted to the server
-  std::vector<OutboxDone> outboxDone;
-  std::optional<std::string> lastSyncAt;  // ISO-8601 time of the last successful cycle
-  std::optional<std::string> lastError;
-  std::optional<std::int64_t> rosterCount;
+  std::optional<std::int64_t> cursor{};                // highest message row id uploaded
+  std::optional<std::int64_t> selfCursor{};            // highest note-to-self row id handled
+  std::vector<std::string> backfilled{};               // roster handles whose history was backfilled
+  std::map<std::string, std::string> directorySent{};  // handle -> fingerprint last uploaded
+  std::optional<std::int64_t> directoryFullAt{};       // last full directory upload, Unix ms
+  std::vector<SentText> assistantSent{};               // replies sent into the self chat
+  std::vector<SentText> selfPosted{};                  // notes posted to the server
+  std::vector<OutboxDone> outboxDone{};
+  std::optional<std::string> lastSyncAt{};  // ISO-8601 time of the last successful cycle
+  std::optional<std::string> lastError{};
+  std::optional<std::int64_t> rosterCount{};
   bool operator==(const AgentState&) const = default;
 };
 

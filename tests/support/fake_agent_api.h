@@ -1,0 +1,49 @@
+// An in-process AgentAPI for cycle tests: answers from fields the test sets,
+// records every call, and fails any call on cue.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/api/agent_api.h"
+#include "core/api/api_error.h"
+
+namespace corvane::testing {
+
+class FakeAgentAPI final : public AgentAPI {
+ public:
+  enum class Call { config, sync, outbox, ack, self };
+
+  AgentConfig config{.protocolVersion = 1,
+                     .rosterHandles = {},
+                     .backfillDays = 30,
+                     .directoryDays = 365,
+                     .pollIntervalSec = 60,
+                     .selfChannel = {},
+                     .plan = "free"};
+  std::vector<OutboxItem> outbox;
+
+  std::vector<SyncRequest> syncs;
+  std::vector<std::pair<std::string, OutboxAck>> acks;
+  std::vector<SelfMessageRequest> selfPosts;
+  std::vector<Call> calls;
+
+  // Consulted before every call; returning an error makes the call throw it.
+  std::function<std::optional<APIError>(Call)> failWith;
+
+  AgentConfig getConfig() override;
+  SyncResponse sync(const SyncRequest& request) override;
+  OutboxResponse getOutbox() override;
+  void ackOutbox(const std::string& id, const OutboxAck& ack) override;
+  SelfMessageResponse postSelf(const SelfMessageRequest& request) override;
+
+  // Every message uploaded so far, in order.
+  std::vector<SyncedMessage> uploadedMessages() const;
+
+ private:
+  void enter(Call call);
+};
+
+}  // namespace corvane::testing

@@ -1,0 +1,258 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "core/protocol/iso_time.h"
+#include "core/sync/contacts_cache.h"
+#include "core/sync/sync_engine.h"
+#include "tests/support/chat_db_builder.h"
+#include "tests/support/fake_agent_api.h"
+#include "tests/support/recording.h"
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+using testing::ChatDbBuilder;
+using testing::FakeAgentAPI;
+using testing::RecordingLogger;
+using testing::RecordingSender;
+using testing::TempDir;
+using Call = FakeAgentAPI::Call;
+
+constexpr std::int64_t kNow = 1700000000000;
+
+TEST(BackoffTest, DoublesPerFailureWithinJitterAndCap) {
+  struct Case {
+    int base, failures;
+    double random;
+    int expected;
+  };
+  const Case cases[] = {
+      {30, 1, 0.0, 26},       // 25.5 rounds away from zero
+      {30, 0, 0.0, 26},       // no failure counts as the first
+      {30, 1, 0.5, 30},
+      {30, 1, 0.9999, 34},
+      {30, 3, 0.5, 120},
+      {30, 6, 0.5, 900},      // 960 capped at 900
+      {1000, 1, 0.9999, 1035},
+      {30, 2000, 0.5, 900},   // huge exponents stay capped
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(SyncEngine::backoffSec(c.base, c.failures, [&] { return c.random; }), c.expected)
+        << c.base << " " << c.failures << " " << c.random;
+  }
+  for (int i = 0; i < 50; ++i) {
+    const int s = SyncEngine::backoffSec(30, 1);
+    EXPECT_GE(s, 26);
+    EXPECT_LE(s, 34);
+  }
+}
+
+// A store whose saves can be made to fail, for error bookkeeping.
+class FlakyStore final : public StateStore {
+ public:
+  AgentState load() override { return state; }
+  void save(const AgentState& s) override {
+    if (failSaves) throw std::runtime_error("disk full");
+    state = s;
+  }
+  AgentState state;
+  bool failSaves = false;
+};
+
+TEST(RecordErrorTest, StampsAndClipsTheErrorUnlessDry) {
+  FlakyStore store;
+  SyncEngine::recordError(store, "boom", false, kNow);
+  EXPECT_EQ(store.state.lastError, isoString(kNow) + " boom");
+  SyncEngine::recordError(store, std::string(600, 'x'), false, kNow);
+  EXPECT_EQ(store.state.lastError->size(), 500u);
+  SyncEngine::recordError(store, "dry", true, kNow);
+  EXPECT_EQ(store.state.lastError->size(), 500u);
+  store.failSaves = true;
+  EXPECT_NO_THROW(SyncEngine::recordError(store, "ignored", false, kNow));
+}
+
+class DaemonTest : public ::testing::Test {
+ protected:
+  DaemonTest() : builder(dir.file("chat.db")) {
+    const auto chat = builder.oneToOne("+14155550100");
+    builder.message(chat, testing::MessageSpec{.text = "hi", .dateMs = kNow - 1000});
+    api->config.pollIntervalSec = 60;
+  }
+
+  CycleDeps deps() {
+    return {api, chatDB.empty() ? builder.path() : chatDB, store, sender, nullptr, "US", false, log,
+            [] { return kNow; }};
+  }
+
+  // Runs the daemon; the sleep hook records waits and stops it after `cycles` sleeps.
+  std::int32_t run(int cycles, SyncEngine::DaemonOptions options = {}) {
+    std::stop_source stop;
+    options.sleep = [&, cycles](std::int64_t s) {
+      waits.push_back(s);
+      if (static_cast<int>(waits.size()) >= cycles) stop.request_stop();
+    };
+    options.random = [] { return 0.5; };
+    return SyncEngine::runDaemon(deps(), std::move(options), stop.get_token());
+  }
+
+  void failCallsWith(std::function<std::optional<APIError>()> error) {
+    api->failWith = [error](Call c) -> std::optional<APIError> {
+      return c == Call::config ? error() : std::nullopt;
+    };
+  }
+
+  TempDir dir;
+  ChatDbBuilder builder;
+  std::string chatDB;
+  std::shared_ptr<FakeAgentAPI> api = std::make_shared<FakeAgentAPI>();
+  std::shared_ptr<MemoryStateStore> store = std::make_shared<MemoryStateStore>();
+  std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
+  std::shared_ptr<RecordingLogger> log = std::make_shared<RecordingLogger>();
+  std::vector<std::int64_t> waits;
+};
+
+TEST_F(DaemonTest, OnceReportsTheCycleAndReturnsZero) {
+  EXPECT_EQ(run(1, {.once = true}), 0);
+  EXPECT_TRUE(waits.empty());
+  EXPECT_EQ(log->lines().back(),
+            "info: cycle done: 0 msg, 1 dir, 0 self, 0 sent / 0 failed; cursor 1");
+}
+
+TEST_F(DaemonTest, PacesCyclesByThePollIntervalUntilStopped) {
+  EXPECT_EQ(run(3), 0);
+  EXPECT_EQ(waits, (std::vector<std::int64_t>{60, 60, 60}));
+  EXPECT_EQ(log->lines().back(), "info: stopped");
+}
+
+TEST_F(DaemonTest, RevokedTokenStopsWithTheRevokedExitCode) {
+  failCallsWith([] { return APIError::unauthorized("This Mac's device token was revoked or is invalid."); });
+  EXPECT_EQ(run(5), 2);
+  EXPECT_TRUE(waits.empty());
+  EXPECT_EQ(log->lines().back(),
+            "error: This Mac's device token was revoked or is invalid.\nThis Mac was disconnected "
+            "from Corvane (or its token revoked). Stopping. Reconnect from the Corvane menu \u203A "
+            "Setup\u2026.");
+  EXPECT_EQ(store->state().lastError,
+            isoString(kNow) + " This Mac's device token was revoked or is invalid.");
+  EXPECT_EQ(run(1, {.once = true, .revokedExitCode = 9}), 9);
+}
+
+TEST_F(DaemonTest, TransientErrorsBackOffAndSuccessResetsTheCount) {
+  int call = 0;
+  // fail, fail, succeed, fail
+  failCallsWith([&]() -> std::optional<APIError> {
+    ++call;
+    if (call == 3) return std::nullopt;
+    return APIError::http(503, "GET /api/agent/config \u2192 503: Service Unavailable");
+  });
+  EXPECT_EQ(run(4), 0);
+  EXPECT_EQ(waits, (std::vector<std::int64_t>{30, 60, 60, 60}));
+  EXPECT_TRUE(log->contains("warn: GET /api/agent/config \u2192 503: Service Unavailable \u2014 "
+                            "retrying in 30s"));
+}
+
+TEST_F(DaemonTest, OnceFailureReturnsOneAfterReporting) {
+  failCallsWith([] { return APIError::network("Can't reach example.test (refused)"); });
+  EXPECT_EQ(run(1, {.once = true}), 1);
+  EXPECT_TRUE(waits.empty());
+  EXPECT_EQ(log->lines().back(), "warn: Can't reach example.test (refused) \u2014 retrying in 30s");
+}
+
+TEST_F(DaemonTest, MissingDatabaseWaitsFiveMinutesEveryTime) {
+  chatDB = dir.file("missing/chat.db");
+  EXPECT_EQ(run(4), 0);
+  EXPECT_EQ(waits, (std::vector<std::int64_t>{300, 300, 300, 300}));
+  EXPECT_TRUE(log->contains("error: " + chatDB +
+                            " doesn't exist. Open Messages on this Mac and sign in to iMessage first."));
+}
+
+TEST_F(DaemonTest, UnreadableDatabaseBacksOffUpToFiveMinutes) {
+  chatDB = dir.file("garbage.db");
+  std::ofstream(chatDB) << std::string(2048, 'g');
+  EXPECT_EQ(run(5), 0);
+  EXPECT_EQ(waits, (std::vector<std::int64_t>{30, 60, 120, 240, 300}));
+  EXPECT_TRUE(log->contains("error: SQLite error 26: file is not a database"));
+}
+
+TEST_F(DaemonTest, OtherErrorsAreReportedAsCycleFailures) {
+  failCallsWith([] { return APIError::badResponse("GET /api/agent/config: unexpected response shape (x)"); });
+  EXPECT_EQ(run(1), 0);
+  EXPECT_TRUE(log->contains("error: cycle failed: GET /api/agent/config: unexpected response shape "
+                            "(x) \u2014 retrying in 30s"));
+}
+
+TEST_F(DaemonTest, ContactsAreLoadedOncePerTTL) {
+  int loads = 0;
+  SyncEngine::DaemonOptions options;
+  options.loadContacts = [&] {
+    ++loads;
+    return std::make_shared<const EmptyContactBook>();
+  };
+  run(3, options);
+  EXPECT_EQ(loads, 1);
+}
+
+TEST_F(DaemonTest, AlreadyStoppedDaemonRunsNothing) {
+  std::stop_source stop;
+  stop.request_stop();
+  EXPECT_EQ(SyncEngine::runDaemon(deps(), {}, stop.get_token()), 0);
+  EXPECT_TRUE(api->calls.empty());
+}
+
+TEST_F(DaemonTest, DefaultSleepWakesWhenStopIsRequested) {
+  std::stop_source stop;
+  std::thread stopper([&] {
+    while (api->calls.empty()) std::this_thread::yield();
+    stop.request_stop();
+  });
+  // Without the early wake-up this would wait the full hour.
+  api->config.pollIntervalSec = 3600;
+  EXPECT_EQ(SyncEngine::runDaemon(deps(), {}, stop.get_token()), 0);
+  stopper.join();
+}
+
+TEST(ContactsCacheTest, ReusesTheBookUntilItExpiresOrIsInvalidated) {
+  std::int64_t clock = 0;
+  int loads = 0;
+  ContactsCache cache(
+      10, [&] {
+        ++loads;
+        return std::make_shared<const EmptyContactBook>();
+      },
+      [&] { return clock; });
+  const auto first = cache.get();
+  clock = 9999;
+  EXPECT_EQ(cache.get(), first);
+  clock = 10000;
+  EXPECT_NE(cache.get(), first);
+  EXPECT_EQ(loads, 2);
+  cache.invalidate();
+  cache.get();
+  EXPECT_EQ(loads, 3);
+  EXPECT_EQ(ContactsCache(10, nullptr).get(), nullptr);
+}
+
+TEST(ConsoleLoggerTest, WritesStampedLinesWithLevelPrefixes) {
+  TempDir dir;
+  const std::string path = dir.file("log");
+  std::FILE* f = std::fopen(path.c_str(), "w");
+  {
+    ConsoleLogger logger(f, [] { return kNow; });
+    logger.info("hello");
+    logger.warn("careful");
+    logger.error("broken");
+  }
+  std::fclose(f);
+  std::ifstream in(path);
+  std::vector<std::string> lines;
+  for (std::string l; std::getline(in, l);) lines.push_back(l);
+  const std::string stamp = "[" + isoString(kNow) + "] ";
+  EXPECT_EQ(lines, (std::vector<std::string>{stamp + "hello", stamp + "warn: careful",
+                                             stamp + "error: broken"}));
+}
+
+}  // namespace
+}  // namespace corvane
