@@ -1,5 +1,6 @@
 #include "tests/support/chat_db_builder.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "core/chatdb/typed_stream.h"
@@ -19,27 +20,12 @@ SQLValue optionalText(const std::optional<std::string>& s) {
   return s ? SQLValue(*s) : SQLValue();
 }
 
-// Collects column names and values, then inserts them in one statement.
-class Insert {
- public:
-  explicit Insert(std::string table) : table_(std::move(table)) {}
-  Insert& set(const std::string& column, SQLValue value) {
-    columns_.push_back(column);
-    values_.push_back(std::move(value));
-    return *this;
-  }
-  std::int64_t into(SQLiteDB& db) const {
-    std::vector<std::string> marks(columns_.size(), "?");
-    return db.run("INSERT INTO " + table_ + " (" + joined(columns_, ", ") + ") VALUES (" +
-                      joined(marks, ", ") + ")",
-                  values_);
-  }
+// SQLite's smallest limit on host parameters per statement (before 3.32).
+constexpr std::size_t kMaxParameters = 999;
 
- private:
-  std::string table_;
-  std::vector<std::string> columns_;
-  std::vector<SQLValue> values_;
-};
+std::string placeholders(std::size_t count, const std::string& sep) {
+  return joined(std::vector<std::string>(count, "?"), sep);
+}
 
 }  // namespace
 
@@ -139,21 +125,20 @@ std::int64_t ChatDbBuilder::storedDate(std::int64_t ms) const {
 
 std::int64_t ChatDbBuilder::handle(const std::string& id, std::optional<std::string> country,
                                    const std::string& service) {
-  Insert insert("handle");
-  insert.set("id", id).set("service", service).set("uncanonicalized_id", id);
-  if (schema_.handleCountry) insert.set("country", optionalText(country));
-  return insert.into(db_);
+  Row row;
+  row.set("id", id).set("service", service).set("uncanonicalized_id", id);
+  if (schema_.handleCountry) row.set("country", optionalText(country));
+  return insert("handle", row);
 }
 
 std::int64_t ChatDbBuilder::chat(const std::vector<std::int64_t>& handles,
                                  std::optional<std::int64_t> style, const std::string& service) {
   const std::string guid = service + ";chat;" + std::to_string(nextGuid_++);
-  const std::int64_t chat = Insert("chat")
-                                .set("guid", guid)
-                                .set("style", style ? SQLValue(*style) : SQLValue())
-                                .set("chat_identifier", guid)
-                                .set("service_name", service)
-                                .into(db_);
+  const std::int64_t chat = insert("chat", Row()
+                                               .set("guid", guid)
+                                               .set("style", style ? SQLValue(*style) : SQLValue())
+                                               .set("chat_identifier", guid)
+                                               .set("service_name", service));
   for (const auto h : handles) {
     db_.run("INSERT INTO chat_handle_join (chat_id, handle_id) VALUES (?, ?)", {chat, h});
   }
@@ -166,28 +151,78 @@ std::int64_t ChatDbBuilder::oneToOne(const std::string& id, const std::string& s
   return chat({handle(id, std::move(country), service)}, 45, service);
 }
 
-std::int64_t ChatDbBuilder::message(std::int64_t chat, const MessageSpec& spec) {
+ChatDbBuilder::Row& ChatDbBuilder::Row::set(const std::string& column, SQLValue value) {
+  columns.push_back(column);
+  values.push_back(std::move(value));
+  return *this;
+}
+
+std::int64_t ChatDbBuilder::insert(const std::string& table, const Row& row) {
+  return db_.run("INSERT INTO " + table + " (" + joined(row.columns, ", ") + ") VALUES (" +
+                     placeholders(row.columns.size(), ", ") + ")",
+                 row.values);
+}
+
+std::int64_t ChatDbBuilder::nextRowId(const std::string& table) {
+  // Where AUTOINCREMENT would go on, so bulk rows can carry explicit ROWIDs.
+  const auto rows = db_.query(
+      "SELECT MAX(COALESCE((SELECT MAX(ROWID) FROM " + table +
+          "), 0), COALESCE((SELECT seq FROM sqlite_sequence WHERE name = ?), 0)) + 1 AS next",
+      {table});
+  return rows.at(0)["next"].int64().value_or(1);
+}
+
+void ChatDbBuilder::insertMany(const std::string& table, std::vector<Row> rows) {
+  if (rows.empty()) return;
+  const std::vector<std::string>& columns = rows.front().columns;
+  // Preparing is most of the cost of a one-row insert, so put as many rows
+  // into one statement as the parameter limit allows.
+  const std::size_t perStatement = std::max<std::size_t>(1, kMaxParameters / columns.size());
+  const std::string head = "INSERT INTO " + table + " (" + joined(columns, ", ") + ") VALUES ";
+  const std::string tuple = "(" + placeholders(columns.size(), ",") + ")";
+  std::vector<SQLValue> values;
+  for (std::size_t begin = 0; begin < rows.size(); begin += perStatement) {
+    const std::size_t end = std::min(rows.size(), begin + perStatement);
+    std::string sql = head;
+    values.clear();
+    for (std::size_t i = begin; i < end; ++i) {
+      if (rows[i].columns != columns) {
+        throw std::logic_error("rows of one bulk insert must name the same columns");
+      }
+      sql += (i > begin ? "," : "") + tuple;
+      std::move(rows[i].values.begin(), rows[i].values.end(), std::back_inserter(values));
+    }
+    db_.run(sql, values);
+  }
+}
+
+ChatDbBuilder::Row ChatDbBuilder::messageRow(std::int64_t chat, const MessageSpec& spec,
+                                             std::optional<std::int64_t> rowid) {
   const std::int64_t ms = spec.dateMs.value_or(clockMs_ += 60000);
   const std::int64_t stored = spec.rawDate ? *spec.rawDate : storedDate(ms);
   const std::string guid = spec.guid.value_or("MSG-" + std::to_string(nextGuid_++));
   const TextStorage storage = spec.storage.value_or(storage_);
 
-  Insert insert("message");
-  insert.set("guid", guid)
+  Row row;
+  if (rowid) row.set("ROWID", *rowid);
+  row.set("guid", guid)
       .set("date", spec.nullDate ? SQLValue() : SQLValue(stored))
       .set("is_from_me", spec.fromMe ? 1 : 0)
-      .set("handle_id", spec.fromMe ? SQLValue(0)
-                                    : SQLValue(firstHandleOfChat_.contains(chat)
-                                                   ? firstHandleOfChat_.at(chat)
-                                                   : 0))
+      .set("handle_id",
+           spec.fromMe
+               ? SQLValue(0)
+               : SQLValue(firstHandleOfChat_.contains(chat) ? firstHandleOfChat_.at(chat) : 0))
       .set("text", storage == TextStorage::attributedBody ? SQLValue() : optionalText(spec.text));
   const auto optional = [&](const std::string& column, SQLValue value) {
-    if (hasMessageColumn(column)) insert.set(column, std::move(value));
+    if (hasMessageColumn(column)) row.set(column, std::move(value));
   };
+  // Named even when NULL, so that the rows of a bulk insert share one column list.
   if (spec.attributedBody) {
     optional("attributedBody", *spec.attributedBody);
   } else if (spec.text && storage != TextStorage::column) {
     optional("attributedBody", TypedStream::encodeAttributedBody(*spec.text));
+  } else {
+    optional("attributedBody", SQLValue());
   }
   optional("service", optionalText(spec.service));
   optional("associated_message_type", spec.amt);
@@ -198,36 +233,113 @@ std::int64_t ChatDbBuilder::message(std::int64_t chat, const MessageSpec& spec) 
   optional("destination_caller_id", optionalText(spec.destinationCallerId));
   optional("account", optionalText(spec.account));
   optional("cache_has_attachments", spec.cacheHasAttachments.value_or(SQLValue(0)));
-  const std::int64_t rowid = insert.into(db_);
-  guids_[rowid] = guid;
-  db_.run("INSERT INTO chat_message_join (chat_id, message_id, message_date) VALUES (?, ?, ?)",
-          {chat, rowid, spec.nullDate ? 0 : stored});
+  return row;
+}
+
+ChatDbBuilder::Row ChatDbBuilder::joinRow(std::int64_t chat, std::int64_t message,
+                                          const MessageSpec& spec, const Row& messageRow) {
+  const auto date = std::find(messageRow.columns.begin(), messageRow.columns.end(), "date");
+  const SQLValue& stored =
+      messageRow.values[static_cast<std::size_t>(date - messageRow.columns.begin())];
+  return Row()
+      .set("chat_id", chat)
+      .set("message_id", message)
+      .set("message_date", spec.nullDate ? SQLValue(0) : stored);
+}
+
+void ChatDbBuilder::noteMessage(std::int64_t rowid, const MessageSpec& spec) {
   if (!spec.cacheHasAttachments) explicitFlag_.erase(rowid);
   else explicitFlag_.insert(rowid);
+}
+
+std::int64_t ChatDbBuilder::message(std::int64_t chat, const MessageSpec& spec) {
+  const Row row = messageRow(chat, spec, std::nullopt);
+  const std::int64_t rowid = insert("message", row);
+  insert("chat_message_join", joinRow(chat, rowid, spec, row));
+  noteMessage(rowid, spec);
   return rowid;
+}
+
+std::vector<std::int64_t> ChatDbBuilder::messages(const std::vector<ChatMessage>& batch) {
+  const std::int64_t first = nextRowId("message");
+  std::vector<std::int64_t> ids;
+  std::vector<Row> rows, joins;
+  for (const auto& [chat, spec] : batch) {
+    ids.push_back(first + static_cast<std::int64_t>(ids.size()));
+    rows.push_back(messageRow(chat, spec, ids.back()));
+    joins.push_back(joinRow(chat, ids.back(), spec, rows.back()));
+    noteMessage(ids.back(), spec);
+  }
+  insertMany("message", std::move(rows));
+  insertMany("chat_message_join", std::move(joins));
+  return ids;
+}
+
+std::string ChatDbBuilder::guidOf(std::int64_t message) const {
+  const auto rows = db_.query("SELECT guid FROM message WHERE ROWID = ?", {message});
+  if (rows.empty()) throw std::out_of_range("no message " + std::to_string(message));
+  return rows.front()["guid"].string().value_or("");
 }
 
 void ChatDbBuilder::join(std::int64_t chat, std::int64_t message) {
   db_.run("INSERT INTO chat_message_join (chat_id, message_id) VALUES (?, ?)", {chat, message});
 }
 
-std::int64_t ChatDbBuilder::attachment(std::int64_t message, const AttachmentSpec& spec) {
+ChatDbBuilder::Row ChatDbBuilder::attachmentRow(const AttachmentSpec& spec,
+                                                std::optional<std::int64_t> rowid) {
   if (!schema_.attachmentTable) throw std::logic_error("this schema has no attachment table");
-  Insert insert("attachment");
-  insert.set("guid", "ATT-" + std::to_string(nextGuid_++)).set("mime_type", optionalText(spec.mime));
+  Row row;
+  if (rowid) row.set("ROWID", *rowid);
+  row.set("guid", "ATT-" + std::to_string(nextGuid_++)).set("mime_type", optionalText(spec.mime));
   const auto optional = [&](const std::string& column, SQLValue value) {
-    if (!schema_.omitAttachmentColumns.contains(column)) insert.set(column, std::move(value));
+    if (!schema_.omitAttachmentColumns.contains(column)) row.set(column, std::move(value));
   };
   optional("uti", optionalText(spec.uti));
   optional("transfer_name", optionalText(spec.transferName));
   optional("is_sticker", spec.sticker ? 1 : 0);
-  const std::int64_t id = insert.into(db_);
+  return row;
+}
+
+// Messages whose flag the caller left to the builder get it once they have
+// an attachment.
+void ChatDbBuilder::flagAttachments(const std::vector<std::int64_t>& messages) {
+  if (!hasMessageColumn("cache_has_attachments")) return;
+  std::vector<SQLValue> ids;
+  for (const auto m : messages) {
+    if (!explicitFlag_.contains(m)) ids.emplace_back(m);
+  }
+  for (std::size_t begin = 0; begin < ids.size(); begin += kMaxParameters) {
+    const std::size_t end = std::min(ids.size(), begin + kMaxParameters);
+    db_.run("UPDATE message SET cache_has_attachments = 1 WHERE ROWID IN (" +
+                placeholders(end - begin, ",") + ")",
+            {ids.begin() + static_cast<std::ptrdiff_t>(begin),
+             ids.begin() + static_cast<std::ptrdiff_t>(end)});
+  }
+}
+
+std::int64_t ChatDbBuilder::attachment(std::int64_t message, const AttachmentSpec& spec) {
+  const std::int64_t id = insert("attachment", attachmentRow(spec, std::nullopt));
   db_.run("INSERT INTO message_attachment_join (message_id, attachment_id) VALUES (?, ?)",
           {message, id});
-  if (hasMessageColumn("cache_has_attachments") && !explicitFlag_.contains(message)) {
-    db_.run("UPDATE message SET cache_has_attachments = 1 WHERE ROWID = ?", {message});
-  }
+  flagAttachments({message});
   return id;
+}
+
+std::vector<std::int64_t> ChatDbBuilder::attachments(const std::vector<MessageAttachment>& batch) {
+  if (!schema_.attachmentTable) throw std::logic_error("this schema has no attachment table");
+  const std::int64_t first = nextRowId("attachment");
+  std::vector<std::int64_t> ids, messages;
+  std::vector<Row> rows, joins;
+  for (const auto& [message, spec] : batch) {
+    ids.push_back(first + static_cast<std::int64_t>(ids.size()));
+    messages.push_back(message);
+    rows.push_back(attachmentRow(spec, ids.back()));
+    joins.push_back(Row().set("message_id", message).set("attachment_id", ids.back()));
+  }
+  insertMany("attachment", std::move(rows));
+  insertMany("message_attachment_join", std::move(joins));
+  flagAttachments(messages);
+  return ids;
 }
 
 void ChatDbBuilder::transaction(const std::function<void()>& body) {

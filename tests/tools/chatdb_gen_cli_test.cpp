@@ -1,0 +1,248 @@
+// The chatdb-gen command line: parsing, the run in-process, and the real
+// executable once end to end.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "core/chatdb/chat_db.h"
+#include "tests/support/temp_dir.h"
+#include "tools/chatdb-gen/cli.h"
+
+namespace corvane::chatdbgen {
+namespace {
+
+using testing::TempDir;
+
+struct Outcome {
+  int status;
+  std::string out, err;
+};
+
+Outcome run(const std::vector<std::string>& args) {
+  std::ostringstream out, err;
+  const int status = runCommandLine(args, out, err);
+  return {status, out.str(), err.str()};
+}
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> result;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) result.push_back(line);
+  return result;
+}
+
+// Small enough to write in a blink.
+const std::vector<std::string> kSmall = {"--messages", "300", "--chats", "15", "--groups", "3"};
+
+std::vector<std::string> small(std::vector<std::string> more) {
+  std::vector<std::string> args = kSmall;
+  args.insert(args.end(), more.begin(), more.end());
+  return args;
+}
+
+TEST(ParseWhenTest, UnixMillisecondsAndUtcDates) {
+  const std::vector<std::pair<std::string, std::optional<std::int64_t>>> cases = {
+      {"1735689600000", 1735689600000},
+      {"2025-01-01", 1735689600000},
+      {"2024-02-29", 1709164800000},
+      {"2025-01-01T08:30Z", 1735689600000 + (8 * 60 + 30) * 60000},
+      {"2025-01-01T08:30:15Z", 1735689600000 + (8 * 60 + 30) * 60000 + 15000},
+      {"2025-13-01", std::nullopt},
+      {"2025-1-01", std::nullopt},
+      {"2025-01-01T24:00Z", std::nullopt},
+      {"2025-01-01T08:30", std::nullopt},
+      {"2025-01-01T08:30:15", std::nullopt},
+      {"2025-01-01T08:30:15+01:00", std::nullopt},
+      {"tomorrow", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const auto& [text, expected] : cases) EXPECT_EQ(parseWhen(text), expected) << text;
+}
+
+TEST(ParseCommandLineTest, OptionsReachTheGenerator) {
+  const CommandLine cl = parseCommandLine({"--messages",
+                                           "5000",
+                                           "--chats",
+                                           "70",
+                                           "--groups",
+                                           "9",
+                                           "--body-only",
+                                           "0.25",
+                                           "--reactions",
+                                           "0.2",
+                                           "--attachments",
+                                           "0.3",
+                                           "--replies",
+                                           "0.01",
+                                           "--self-notes",
+                                           "4",
+                                           "--days",
+                                           "31",
+                                           "--end",
+                                           "2024-06-01",
+                                           "--seed",
+                                           "99",
+                                           "--seconds",
+                                           "--own-handle",
+                                           "me@example.org",
+                                           "--own-handle",
+                                           "+447700900123",
+                                           "--print-roster",
+                                           "12",
+                                           "--json",
+                                           "--force",
+                                           "out.db"});
+  const GeneratorOptions& g = cl.generator;
+  EXPECT_EQ(cl.path, "out.db");
+  EXPECT_EQ(g.messages, 5000);
+  EXPECT_EQ(g.chats, 70);
+  EXPECT_EQ(g.groups, 9);
+  EXPECT_EQ(g.bodyOnly, 0.25);
+  EXPECT_EQ(g.reactions, 0.2);
+  EXPECT_EQ(g.attachments, 0.3);
+  EXPECT_EQ(g.replies, 0.01);
+  EXPECT_EQ(g.selfNotes, 4);
+  EXPECT_EQ(g.days, 31);
+  EXPECT_EQ(g.endMs, *parseWhen("2024-06-01"));
+  EXPECT_EQ(g.seed, 99u);
+  EXPECT_TRUE(g.seconds);
+  // Given own handles replace the defaults rather than adding to them.
+  EXPECT_EQ(g.ownHandles, (std::vector<std::string>{"me@example.org", "+447700900123"}));
+  EXPECT_EQ(cl.rosterSize, 12u);
+  EXPECT_TRUE(cl.json);
+  EXPECT_TRUE(cl.force);
+  EXPECT_FALSE(cl.rosterOnly);
+}
+
+TEST(ParseCommandLineTest, RefusesWhatItCantRun) {
+  const std::vector<std::vector<std::string>> cases = {
+      {},
+      {"a.db", "b.db"},
+      {"--messages"},
+      {"--messages", "ten", "a.db"},
+      {"--messages", "-5", "a.db"},
+      {"--chats", "12x", "a.db"},
+      {"--reactions", "1.5", "a.db"},
+      {"--body-only", "half", "a.db"},
+      {"--end", "soon", "a.db"},
+      {"--own-handle", "12345", "a.db"},
+      {"--self-notes", "20", "--messages", "10", "a.db"},
+      {"--frobnicate", "a.db"},
+  };
+  for (const auto& args : cases) {
+    std::string joined;
+    for (const auto& a : args) joined += a + " ";
+    EXPECT_THROW(parseCommandLine(args), UsageError) << joined;
+    EXPECT_EQ(run(args).status, 64) << joined;
+  }
+}
+
+TEST(RunCommandLineTest, HelpDocumentsEveryOption) {
+  const Outcome help = run({"--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_EQ(help.out, usageText());
+  for (const char* option :
+       {"--messages", "--chats", "--groups", "--body-only", "--reactions", "--attachments",
+        "--replies", "--self-notes", "--days", "--end", "--seconds", "--own-handle", "--seed",
+        "--force", "--print-roster", "--json", "--roster-only"}) {
+    EXPECT_NE(help.out.find(option), std::string::npos) << option;
+  }
+}
+
+TEST(RunCommandLineTest, NeverOverwritesWithoutForce) {
+  TempDir dir;
+  const std::string path = dir.file("chat.db");
+  { std::ofstream(path) << "precious"; }
+  const Outcome refused = run(small({path}));
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("--force"), std::string::npos) << refused.err;
+  std::ifstream in(path);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "precious");
+
+  const Outcome forced = run(small({"--force", path}));
+  EXPECT_EQ(forced.status, 0) << forced.err;
+  ChatDB db(path, "US");
+  EXPECT_EQ(db.maxRowId(), 300);
+  EXPECT_FALSE(std::filesystem::exists(path + ".partial"));
+}
+
+TEST(RunCommandLineTest, RosterLinesJsonAndRosterOnlyAgree) {
+  TempDir dir;
+  const std::string path = dir.file("chat.db");
+  const Outcome generated = run(small({"--print-roster", "4", path}));
+  ASSERT_EQ(generated.status, 0) << generated.err;
+  const auto roster = lines(generated.out);
+  EXPECT_EQ(roster.size(), 4u);
+
+  const Outcome again = run({"--roster-only", "--print-roster", "4", path});
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(lines(again.out), roster);
+
+  const Outcome json = run({"--roster-only", "--json", "--print-roster", "4", path});
+  ASSERT_EQ(json.status, 0) << json.err;
+  const auto j = nlohmann::json::parse(json.out);
+  EXPECT_EQ(j["roster"].get<std::vector<std::string>>(), roster);
+  EXPECT_EQ(j["messages"], 300);
+  EXPECT_EQ(j["oneToOneChats"], 16);
+  EXPECT_EQ(j["ownHandles"].size(), 2u);
+  EXPECT_FALSE(j.contains("generated"));
+
+  EXPECT_EQ(run({"--roster-only", "--print-roster", "4", dir.file("missing.db")}).status, 1);
+}
+
+TEST(RunCommandLineTest, JsonAfterWritingCarriesTheCounts) {
+  TempDir dir;
+  const Outcome json = run(small({"--json", dir.file("chat.db")}));
+  ASSERT_EQ(json.status, 0) << json.err;
+  const auto j = nlohmann::json::parse(json.out);
+  EXPECT_TRUE(j["roster"].empty());
+  const auto& g = j["generated"];
+  EXPECT_EQ(g["groupChats"], 3);
+  EXPECT_EQ(g["oneToOne"]["rows"].get<int>() + g["groups"]["rows"].get<int>() +
+                g["self"]["rows"].get<int>(),
+            300);
+}
+
+// The built executable, as make demo and the benchmarks call it.
+TEST(ChatDbGenExecutableTest, HelpWriteAndRefuse) {
+  const char* bin = std::getenv("CORVANE_TEST_BIN_DIR");
+  if (bin == nullptr) GTEST_SKIP() << "run through ctest";
+  const std::string exe = std::string(bin) + "/chatdb-gen";
+  ASSERT_TRUE(std::filesystem::exists(exe)) << exe;
+  TempDir dir;
+  const auto shell = [&](const std::string& args) {
+    const std::string command =
+        "'" + exe + "' " + args + " >'" + dir.file("out") + "' 2>'" + dir.file("err") + "'";
+    const int status = std::system(command.c_str());
+    std::ifstream out(dir.file("out")), err(dir.file("err"));
+    return Outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+                   std::string(std::istreambuf_iterator<char>(out), {}),
+                   std::string(std::istreambuf_iterator<char>(err), {})};
+  };
+
+  const Outcome help = shell("--help");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_TRUE(help.out.starts_with("Usage: chatdb-gen")) << help.out;
+
+  const std::string path = dir.file("chat.db");
+  const Outcome written =
+      shell("--messages 200 --chats 10 --groups 2 --print-roster 3 '" + path + "'");
+  EXPECT_EQ(written.status, 0) << written.err;
+  EXPECT_EQ(lines(written.out).size(), 3u);
+  EXPECT_EQ(ChatDB::checkAccess(path).maxRowId, 200);
+
+  const Outcome refused = shell("--messages 200 '" + path + "'");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("--force"), std::string::npos);
+
+  EXPECT_EQ(shell("--no-such-option '" + path + "'").status, 64);
+}
+
+}  // namespace
+}  // namespace corvane::chatdbgen
