@@ -1,18 +1,65 @@
-// Process entry. Until the headless runner lands it only explains how it is used.
+// Process entry: --render-icon, --headless, or the menu-bar application.
+#include <pthread.h>
+#include <signal.h>
+
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stop_token>
+#include <thread>
+
+#include "app/headless/command_line.h"
+#include "app/headless/headless_runner.h"
+#include "core/contacts/phone.h"
 
 namespace {
-constexpr const char* kUsage =
-    "Usage: Corvane --headless [--once] [--chat-db PATH] [--home DIR] [--server URL] [--token TOKEN]\n"
-    "                          [--fake-send] [--dry-run] [--contacts] [--region CC]\n"
-    "       Corvane --headless --pair CODE [--server URL] [--home DIR]\n"
-    "       Corvane --headless --status [--chat-db PATH] [--server URL] [--token TOKEN]\n"
-    "       Corvane --render-icon OUT.png [--size 1024]\n";
+
+// SIGINT and SIGTERM are taken by one thread that only requests a stop; the
+// daemon notices between cycles, so a signal never cuts a send in half.
+void watchStopSignals(std::shared_ptr<std::stop_source> stop) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every later thread
+  // Detached: it waits in sigwait until a signal comes or the process ends.
+  std::thread([set, stop] {
+    int received = 0;
+    while (sigwait(&set, &received) != 0) {
+    }
+    stop->request_stop();
+  }).detach();
+}
+
+int runHeadless(const corvane::CommandLine& args) {
+  auto stop = std::make_shared<std::stop_source>();
+  watchStopSignals(stop);
+  auto tokens = corvane::TokenStore::makeDefault();
+  auto defaults = corvane::UserDefaults::makeDefault();
+  auto probes = corvane::PermissionProbes::makeDefault();
+  corvane::HeadlessEnvironment env{.getenv = corvane::Phone::processEnvironment,
+                                   .tokens = *tokens,
+                                   .defaults = *defaults,
+                                   .probes = *probes,
+                                   .log = std::make_shared<corvane::ConsoleLogger>(),
+                                   .out = stdout,
+                                   .stop = stop->get_token()};
+  return corvane::runHeadless(args, env);
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
-  std::fputs(kUsage, stdout);
-  return 0;
+  const corvane::CommandLine args(argc, argv);
+  if (args.value("--render-icon")) {
+    std::fputs("render failed: not available in this build\n", stderr);
+    return 1;
+  }
+  if (args.flag("--headless")) return runHeadless(args);
+  std::fputs("The menu-bar application is not part of this build; run with --headless.\n\n", stderr);
+  std::fputs(corvane::kUsageText, stderr);
+  std::fputs("\n", stderr);
+  return 64;
 }
