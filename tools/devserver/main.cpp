@@ -18,6 +18,7 @@
 #include "core/protocol/wire_json.h"
 #include "tools/devserver/dev_server.h"
 #include "tools/devserver/dev_store.h"
+#include "tools/devserver/summary.h"
 
 namespace {
 
@@ -48,6 +49,7 @@ Usage: corvane-devserver [options]
   --plan NAME          config plan (default "dev")
   --outbox H=TEXT      queue a text for handle H (repeatable)
   --dump               print everything stored in --db as JSON and exit
+  --summary            print a short readable summary of what --db holds and exit
   --help               this text
 
 The first line on standard output is the server's URL; then one line per
@@ -78,6 +80,7 @@ struct Options {
   std::vector<OutboxItem> outbox;
   DevSettings settings;
   bool dump = false;
+  bool summary = false;
 };
 
 [[noreturn]] void usageError(const std::string& message) {
@@ -113,8 +116,8 @@ Options parseOptions(int argc, char** argv) {
       std::cout << kUsage;
       std::exit(0);
     }
-    if (arg == "--dump") {
-      options.dump = true;
+    if (arg == "--summary" || arg == "--dump") {
+      (arg == "--summary" ? options.summary : options.dump) = true;
       continue;
     }
     if (i + 1 >= argc) usageError("unknown option or missing value: " + std::string(arg));
@@ -158,6 +161,10 @@ Options parseOptions(int argc, char** argv) {
 
 int run(const Options& options) {
   DevStore store(options.db);
+  if (options.summary) {
+    std::cout << summarize(store.state());
+    return 0;
+  }
   if (options.dump) {
     std::cout << store.state().dump(2, ' ', false, WireJSON::error_handler_t::replace) << "\n";
     return 0;
