@@ -142,7 +142,7 @@ const std::string& usageText() {
 Writes a Messages-schema database of made-up conversations to PATH: one-to-one
 chats (some people over both iMessage and SMS), group chats, a notes-to-self
 chat, tap-backs, thread replies, attachments, link previews and texts kept only
-in attributedBody. The same options and seed always give the same file.
+in attributedBody. The same options and seed always give the same database.
 
 Contents:
   --messages N        message rows in all, notes to self included (10000)
@@ -177,7 +177,7 @@ Output:
                       messages to stdout, one normalised handle per line (their
                       iMessage and SMS chats counted together, own handles left
                       out): the roster for a development server
-  --json              print a JSON object to stdout instead: "path", "messages"
+  --json              print a JSON object instead of roster lines: "path", "messages"
                       (the highest ROWID), "oneToOneChats", "ownHandles",
                       "roster" (the --print-roster handles, empty without it) and,
                       after writing, "generated" with the counts of each kind

@@ -124,7 +124,6 @@ class Generator {
   struct Person {
     PersonHandle handle;
     std::int64_t handleRowId = 0;
-    bool hasSmsChat = false;
   };
 
   void createChats() {
@@ -132,8 +131,7 @@ class Generator {
     std::size_t nextSms = 0;
     for (std::int64_t i = 0; i < options_.chats; ++i) {
       if (i % kSmsChatEvery == kSmsChatEvery - 1 && nextSms < smsCandidates.size()) {
-        Person& person = persons_[smsCandidates[nextSms++]];
-        person.hasSmsChat = true;
+        const Person& person = persons_[smsCandidates[nextSms++]];
         const auto handle = builder_.handle(person.handle.id, person.handle.country, "SMS");
         addChat(builder_.chat({handle}, 45, "SMS"), ChatKind::oneToOne, "SMS");
         ++summary_.smsChats;

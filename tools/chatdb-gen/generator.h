@@ -4,8 +4,9 @@
 // texts kept only in attributedBody, spread over a span of days. The demo,
 // the end-to-end tests and the benchmarks read such databases.
 //
-// The same options, seed included, give the same file byte for byte on every
-// platform. Generation is single-threaded and touches no shared state.
+// The same options, seed included, give the same rows on every platform and
+// standard library, and the same file byte for byte with the same SQLite.
+// Generation is single-threaded and touches no shared state.
 #pragma once
 
 #include <cstdint>
