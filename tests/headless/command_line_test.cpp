@@ -1,0 +1,51 @@
+#include "app/headless/command_line.h"
+
+#include <gtest/gtest.h>
+
+namespace corvane {
+namespace {
+
+TEST(CommandLineTest, FlagsAndOptionValues) {
+  const CommandLine args({"--headless", "--server", "https://a.test", "--once", "--server",
+                          "https://b.test", "--home", "--token"});
+  struct Case {
+    const char* name;
+    bool flag;
+    std::optional<std::string> value;
+  };
+  const Case cases[] = {
+      {"--headless", true, "--server"},      // a value is never checked for looking like an option
+      {"--server", true, "https://a.test"},  // the first occurrence decides
+      {"--once", true, "--server"},
+      {"--home", true, "--token"},
+      {"--token", true, std::nullopt},       // standing last: not given
+      {"--dry-run", false, std::nullopt},
+      {"--serve", false, std::nullopt},      // whole arguments only
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(args.flag(c.name), c.flag) << c.name;
+    EXPECT_EQ(args.value(c.name), c.value) << c.name;
+  }
+}
+
+TEST(CommandLineTest, ProgramNameIsNotAnArgument) {
+  char program[] = "--headless";
+  char once[] = "--once";
+  char* argv[] = {program, once};
+  const CommandLine args(2, argv);
+  EXPECT_FALSE(args.flag("--headless"));
+  EXPECT_TRUE(args.flag("--once"));
+}
+
+TEST(CommandLineTest, UsageTextKeepsItsShape) {
+  const std::string usage = kUsageText;
+  EXPECT_TRUE(usage.starts_with("Usage: Corvane --headless [--once] [--chat-db PATH]"));
+  EXPECT_TRUE(usage.ends_with("  --contacts    use Contacts names (off by default in headless mode)"));
+  EXPECT_EQ(std::count(usage.begin(), usage.end(), '\n'), 12);
+  // Deliberately undocumented in the option list.
+  EXPECT_EQ(usage.find("  --region "), std::string::npos);
+  EXPECT_EQ(usage.find("  --status "), std::string::npos);
+}
+
+}  // namespace
+}  // namespace corvane
