@@ -15,6 +15,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/chatdb/sqlite_db.h"
@@ -198,8 +199,9 @@ class ChatDB {
   std::string messageItem(const std::string& column) const { return messageItem(column, column); }
   std::vector<ExtractedMessage> extract(const ChatMap& chats, const std::string& where,
                                         std::vector<SQLValue> params);
-  std::map<std::int64_t, std::vector<AttachmentKind>> attachmentsFor(
-      const std::vector<std::int64_t>& rowids);
+  // Attachment kinds per message ROWID, sorted by ROWID.
+  using AttachmentsByRow = std::vector<std::pair<std::int64_t, std::vector<AttachmentKind>>>;
+  AttachmentsByRow attachmentsFor(const std::vector<std::int64_t>& rowids);
 
   std::string path_;
   std::optional<std::string> region_;

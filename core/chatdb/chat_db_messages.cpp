@@ -38,11 +38,35 @@ struct MessageColumns {
   static std::size_t at(const SQLRow& row, std::string_view name) { return *row.indexOf(name); }
 };
 
-// A converted row; plain messages get their attachments once all rows are read.
-struct Pending {
-  ChatDB::ExtractedMessage extracted;
-  bool isReaction;
-};
+// Removes NUL and U+FFFC and trims, in `s` itself: most texts need neither,
+// and every message row comes through here.
+std::string cleaned(std::string s) {
+  if (s.find('\0') != std::string::npos || s.find(kObjectReplacement) != std::string::npos) {
+    std::size_t to = 0;
+    for (std::size_t i = 0; i < s.size();) {
+      if (s[i] == '\0') {
+        ++i;
+      } else if (std::string_view(s).compare(i, kObjectReplacement.size(), kObjectReplacement) ==
+                 0) {
+        i += kObjectReplacement.size();
+      } else {
+        s[to++] = s[i++];
+      }
+    }
+    s.resize(to);
+  }
+  const std::string_view trimmed = trimWhitespace(s);
+  const auto begin = static_cast<std::size_t>(trimmed.data() - s.data());
+  s.erase(begin + trimmed.size());
+  s.erase(0, begin);
+  return s;
+}
+
+// clipUTF16 without a copy for the strings that fit, which is nearly all.
+std::string clipped(std::string s, std::size_t max) {
+  if (s.size() <= max) return s;
+  return clipUTF16(s, max);
+}
 
 }  // namespace
 
@@ -54,24 +78,7 @@ std::string appleDateToUnixMsSQL(const std::string& c) {
 }
 
 std::string ChatDB::cleanText(const std::optional<std::string>& s) {
-  if (!s || s->empty()) return "";
-  std::string_view text = *s;
-  std::string cleaned;
-  if (text.find('\0') != std::string_view::npos ||
-      text.find(kObjectReplacement) != std::string_view::npos) {
-    cleaned.reserve(text.size());
-    for (std::size_t i = 0; i < text.size();) {
-      if (text[i] == '\0') {
-        ++i;
-      } else if (text.compare(i, kObjectReplacement.size(), kObjectReplacement) == 0) {
-        i += kObjectReplacement.size();
-      } else {
-        cleaned += text[i++];
-      }
-    }
-    text = cleaned;
-  }
-  return std::string(trimWhitespace(text));
+  return s ? cleaned(*s) : std::string();
 }
 
 std::string extractMessageText(const SQLValue& text, const SQLValue& attributedBody) {
@@ -80,7 +87,7 @@ std::string extractMessageText(const SQLValue& text, const SQLValue& attributedB
     const auto bytes = attributedBody.data();
     chosen = bytes ? TypedStream::decodeAttributedBody(*bytes) : std::nullopt;
   }
-  return ChatDB::cleanText(chosen);
+  return chosen ? cleaned(std::move(*chosen)) : std::string();
 }
 
 std::optional<std::string> ChatDB::stripAssociatedGuid(const std::optional<std::string>& s) {
@@ -196,7 +203,8 @@ std::vector<ChatDB::ExtractedMessage> ChatDB::messagesSince(const ChatMap& chats
 std::vector<ChatDB::ExtractedMessage> ChatDB::extract(const ChatMap& chats,
                                                       const std::string& where,
                                                       std::vector<SQLValue> params) {
-  std::vector<Pending> pending;
+  std::vector<ExtractedMessage> out;
+  std::vector<bool> isReaction;  // per entry of `out`
   std::vector<std::int64_t> withAttachments;
   std::optional<MessageColumns> col;
 
@@ -223,8 +231,8 @@ std::vector<ChatDB::ExtractedMessage> ChatDB::extract(const ChatMap& chats,
     std::optional<std::string> reaction;
     std::optional<std::string> replyTarget;
     const SQLValue& amt = row.at(col->amt);
-    const bool isReaction = isNonZeroInteger(amt);
-    if (isReaction) {
+    const bool reactionRow = isNonZeroInteger(amt);
+    if (reactionRow) {
       reaction = reactionWord(*amt.int64());
       if (!reaction) return;
       if (text.empty()) {
@@ -236,39 +244,48 @@ std::vector<ChatDB::ExtractedMessage> ChatDB::extract(const ChatMap& chats,
       replyTarget = row.at(col->threadGuid).string();
     }
 
-    SyncedMessage m;
-    m.guid = clipUTF16(*guid, kGuidMax);
+    ExtractedMessage& e = out.emplace_back();
+    e.rowid = *rowid.int64();
+    e.sentAtMs = *sentMs.int64();
+    SyncedMessage& m = e.message;
+    m.guid = clipped(std::move(*guid), kGuidMax);
     m.handle = chat->second;
-    m.text = clipUTF16(text, kTextMax);
+    m.text = clipped(std::move(text), kTextMax);
     m.isFromMe = isInt(row.at(col->fromMe)) && *row.at(col->fromMe).int64() == 1;
-    m.sentAt = isoString(*sentMs.int64());
-    m.service = clipUTF16(row.at(col->service).string().value_or(kDefaultService), kServiceMax);
+    m.sentAt = isoString(e.sentAtMs);
+    m.service = clipped(row.at(col->service).string().value_or(kDefaultService), kServiceMax);
     m.reaction = std::move(reaction);
     m.replyToGuid = stripAssociatedGuid(replyTarget);
-    pending.push_back({{*rowid.int64(), *sentMs.int64(), std::move(m)}, isReaction});
+    isReaction.push_back(reactionRow);
   });
 
-  const auto attachments = attachmentsFor(withAttachments);
-  std::vector<ExtractedMessage> out;
-  out.reserve(pending.size());
-  for (auto& p : pending) {
-    auto& m = p.extracted.message;
-    if (!p.isReaction) {
-      if (const auto it = attachments.find(p.extracted.rowid); it != attachments.end()) {
-        m.attachments = it->second;
-      }
+  // Plain messages take their attachments now; those left with neither text
+  // nor attachments go. Compacted in place: a second list of every message
+  // would double the peak memory of a large backfill.
+  const AttachmentsByRow attachments = attachmentsFor(withAttachments);
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    SyncedMessage& m = out[i].message;
+    if (!isReaction[i]) {
+      const auto it = std::lower_bound(
+          attachments.begin(), attachments.end(), out[i].rowid,
+          [](const auto& entry, std::int64_t rowid) { return entry.first < rowid; });
+      if (it != attachments.end() && it->first == out[i].rowid) m.attachments = it->second;
       if (m.text.empty() && m.attachments.empty()) continue;
     }
-    out.push_back(std::move(p.extracted));
+    if (kept != i) out[kept] = std::move(out[i]);
+    ++kept;
   }
+  out.erase(out.begin() + static_cast<std::ptrdiff_t>(kept), out.end());
   return out;
 }
 
-std::map<std::int64_t, std::vector<AttachmentKind>> ChatDB::attachmentsFor(
-    const std::vector<std::int64_t>& rowids) {
-  std::map<std::int64_t, std::vector<AttachmentKind>> kinds;
+ChatDB::AttachmentsByRow ChatDB::attachmentsFor(const std::vector<std::int64_t>& rowids) {
+  AttachmentsByRow kinds;
   // Older or stripped databases without an attachment table have nothing to join.
   if (rowids.empty() || attachmentCols_.empty()) return kinds;
+  // `rowids` ascend and each statement orders by message id, so the entries
+  // come out sorted by ROWID, as extract's look-up needs.
   for (std::size_t start = 0; start < rowids.size(); start += kAttachmentChunk) {
     const std::size_t n = std::min(kAttachmentChunk, rowids.size() - start);
     std::vector<SQLValue> params(rowids.begin() + static_cast<std::ptrdiff_t>(start),
@@ -279,7 +296,11 @@ std::map<std::int64_t, std::vector<AttachmentKind>> ChatDB::attachmentsFor(
       const auto kind = attachmentKind(row["mime_type"].string(), row["uti"].string(),
                                        row["transfer_name"].string(),
                                        isNonZeroInteger(row["is_sticker"]));
-      if (kind) kinds[*mid.int64()].push_back(*kind);
+      if (!kind) return;
+      if (kinds.empty() || kinds.back().first != *mid.int64()) {
+        kinds.emplace_back(*mid.int64(), std::vector<AttachmentKind>{});
+      }
+      kinds.back().second.push_back(*kind);
     });
   }
   return kinds;

@@ -56,6 +56,22 @@ std::optional<std::int64_t> SQLValue::int64() const {
   }
 }
 
+void SQLValue::assignText(std::string_view v) {
+  if (auto* s = std::get_if<std::string>(&v_)) {
+    s->assign(v);
+  } else {
+    v_.emplace<std::string>(v);
+  }
+}
+
+void SQLValue::assignBlob(const std::uint8_t* bytes, std::size_t count) {
+  if (auto* b = std::get_if<Bytes>(&v_)) {
+    b->assign(bytes, bytes + count);
+  } else {
+    v_.emplace<Bytes>(bytes, bytes + count);
+  }
+}
+
 std::optional<std::string> SQLValue::string() const {
   switch (kind()) {
     case Kind::integer:

@@ -41,6 +41,12 @@ class SQLValue {
   // The bytes of a text or blob, viewing this value (valid while it lives).
   std::optional<std::span<const std::uint8_t>> data() const;
 
+  // Replace the value with a text or a blob, reusing this value's buffer when
+  // it already holds one of that kind: a result row is read into the same
+  // values over and over.
+  void assignText(std::string_view v);
+  void assignBlob(const std::uint8_t* bytes, std::size_t count);
+
   // The payload itself, without conversion; nullptr for other kinds.
   const std::string* textIf() const { return std::get_if<std::string>(&v_); }
   const double* realIf() const { return std::get_if<double>(&v_); }

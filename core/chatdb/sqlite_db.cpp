@@ -63,13 +63,17 @@ void readColumn(sqlite3_stmt* stmt, int i, SQLValue& out) {
       const std::string_view text(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt, i)));
       // Another program writes this database: repair broken UTF-8 here so that
       // every string above this layer is well-formed.
-      out = isValidUTF8(text) ? SQLValue(text) : SQLValue(repairUTF8(text));
+      if (isValidUTF8(text)) {
+        out.assignText(text);
+      } else {
+        out = SQLValue(repairUTF8(text));
+      }
       return;
     }
     case SQLITE_BLOB: {
       const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, i));
       const int n = sqlite3_column_bytes(stmt, i);
-      out = SQLValue(p && n > 0 ? Bytes(p, p + n) : Bytes());
+      out.assignBlob(p, p && n > 0 ? static_cast<std::size_t>(n) : 0);
       return;
     }
     default:

@@ -14,11 +14,56 @@ std::int64_t nowMs() {
   return static_cast<std::int64_t>(std::llround(seconds * 1000.0));
 }
 
+namespace {
+
+// Years 0 to 9999, the range whose text has exactly four year digits.
+constexpr std::int64_t kFirstMs = -62167219200000;  // 0000-01-01T00:00:00.000Z
+constexpr std::int64_t kLastMs = 253402300799999;   // 9999-12-31T23:59:59.999Z
+
+void putDigits(char* at, int value, int count) {
+  for (int i = count - 1; i >= 0; --i, value /= 10) at[i] = static_cast<char>('0' + value % 10);
+}
+
+// Every message row's date passes through here, so the common range is
+// formatted by arithmetic (days to civil date, after Howard Hinnant's
+// algorithm) instead of gmtime_r and snprintf, which cost several times more.
+std::string civilString(std::int64_t seconds, int millis) {
+  std::int64_t days = seconds / 86400;
+  std::int64_t secondOfDay = seconds % 86400;
+  if (secondOfDay < 0) {
+    secondOfDay += 86400;
+    --days;
+  }
+  const std::int64_t z = days + 719468;
+  const std::int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+  const std::int64_t dayOfEra = z - era * 146097;
+  const std::int64_t yearOfEra =
+      (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+  const std::int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+  const std::int64_t mp = (5 * dayOfYear + 2) / 153;
+  const int day = static_cast<int>(dayOfYear - (153 * mp + 2) / 5 + 1);
+  const int month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
+  const int year = static_cast<int>(yearOfEra + era * 400 + (month <= 2 ? 1 : 0));
+
+  std::string out = "0000-00-00T00:00:00.000Z";
+  putDigits(&out[0], year, 4);
+  putDigits(&out[5], month, 2);
+  putDigits(&out[8], day, 2);
+  putDigits(&out[11], static_cast<int>(secondOfDay / 3600), 2);
+  putDigits(&out[14], static_cast<int>(secondOfDay / 60 % 60), 2);
+  putDigits(&out[17], static_cast<int>(secondOfDay % 60), 2);
+  putDigits(&out[20], millis, 3);
+  return out;
+}
+
+}  // namespace
+
 std::string isoString(std::int64_t ms) {
   // Floor division, so the millisecond part is always 0..999.
   std::int64_t seconds = ms / 1000;
   if (ms % 1000 < 0) --seconds;
   const int millis = static_cast<int>(ms - seconds * 1000);
+  if (ms >= kFirstMs && ms <= kLastMs) return civilString(seconds, millis);
   const std::time_t t = static_cast<std::time_t>(seconds);
   std::tm tm{};
   if (gmtime_r(&t, &tm) == nullptr) tm = std::tm{};

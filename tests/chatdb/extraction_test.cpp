@@ -220,6 +220,8 @@ TEST(CleanTextTest, RemovesObjectReplacementAndNulAndTrims) {
       {std::string("a\0b", 3), "ab"},
       {"\u00a0 spaced \u2029", "spaced"},
       {"keep \uFFFD", "keep \uFFFD"},
+      {std::string("\0 a\uFFFC\0b \0", 10), "ab"},
+      {"a\uFFFC \uFFFCb", "a b"},
   };
   for (const auto& c : cases) EXPECT_EQ(ChatDB::cleanText(c.input), c.expected);
 }
@@ -264,6 +266,31 @@ TEST_F(ExtractionTest, PhotoOnlyMessageIsKeptEmptyMessageIsDropped) {
   EXPECT_EQ(all[0].rowid, photo);
   EXPECT_EQ(all[0].message.text, "");
   EXPECT_EQ(all[0].message.attachments, (std::vector{AttachmentKind::image, AttachmentKind::video}));
+}
+
+// Dropped rows are removed after the attachments are read; each message that
+// stays must keep its own attachments, never a neighbour's.
+TEST_F(ExtractionTest, DroppedRowsDoNotShiftAttachmentsOntoOtherMessages) {
+  builder.message(chat, MessageSpec{});
+  const auto photo = builder.message(chat, MessageSpec{.text = "\uFFFC"});
+  builder.attachment(photo, {.mime = "image/png"});
+  builder.message(chat, MessageSpec{.text = " "});
+  const auto liked = builder.message(chat, MessageSpec{.amt = 2001});
+  const auto memo = builder.message(chat, MessageSpec{.text = "memo \uFFFC"});
+  builder.attachment(memo, {.mime = "audio/amr"});
+  builder.message(chat, MessageSpec{.text = "\uFFFC"});
+  const auto plain = builder.message(chat, MessageSpec{.text = "plain"});
+  const auto all = after();
+  ASSERT_EQ(all.size(), 4u);
+  EXPECT_EQ(all[0].rowid, photo);
+  EXPECT_EQ(all[0].message.attachments, std::vector{AttachmentKind::image});
+  EXPECT_EQ(all[1].rowid, liked);
+  EXPECT_TRUE(all[1].message.attachments.empty());
+  EXPECT_EQ(all[2].rowid, memo);
+  EXPECT_EQ(all[2].message.text, "memo");
+  EXPECT_EQ(all[2].message.attachments, std::vector{AttachmentKind::audio});
+  EXPECT_EQ(all[3].rowid, plain);
+  EXPECT_TRUE(all[3].message.attachments.empty());
 }
 
 TEST_F(ExtractionTest, PluginPayloadsAreNotReported) {

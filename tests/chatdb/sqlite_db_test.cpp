@@ -128,6 +128,31 @@ TEST_F(SQLiteDBTest, RowsAreKeyedByAliasAndTheLaterDuplicateWins) {
   EXPECT_TRUE(rows[0]["missing"].isNull());
 }
 
+// forEach reads every row into the same values, reusing their buffers; a
+// shorter or different value must never show what the previous row left.
+TEST_F(SQLiteDBTest, ReusedRowShowsEachRowExactly) {
+  SQLiteDB db(path, false, true);
+  db.exec("CREATE TABLE t (k INTEGER PRIMARY KEY, v)");
+  const std::vector<SQLValue> values = {SQLValue("a rather long first text"),
+                                        SQLValue("short"),
+                                        SQLValue(""),
+                                        SQLValue(Bytes{1, 2, 3, 4}),
+                                        SQLValue(Bytes{9}),
+                                        SQLValue(Bytes{}),
+                                        SQLValue(),
+                                        SQLValue("after null"),
+                                        SQLValue(7),
+                                        SQLValue(2.5),
+                                        SQLValue("last")};
+  db.exec(
+      "INSERT INTO t (v) VALUES ('a rather long first text'), ('short'), (''), (X'01020304'), "
+      "(X'09'), (X''), (NULL), ('after null'), (7), (2.5), ('last')");
+  std::vector<SQLValue> seen;
+  db.forEach("SELECT v FROM t ORDER BY k", {},
+             [&](const SQLRow& row) { seen.push_back(row.at(0)); });
+  EXPECT_EQ(seen, values);
+}
+
 TEST_F(SQLiteDBTest, InvalidUTF8TextIsRepairedOnRead) {
   SQLiteDB db(path, false, true);
   const auto rows = db.query("SELECT CAST(X'61FF62' AS TEXT) AS t");

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
+#include <ctime>
 
 namespace corvane {
 namespace {
@@ -23,6 +25,33 @@ TEST(IsoStringTest, FormatsUTCWithMilliseconds) {
       {253402300799999, "9999-12-31T23:59:59.999Z"},
   };
   for (const auto& c : cases) EXPECT_EQ(isoString(c.ms), c.expected) << c.ms;
+}
+
+// Dates are formatted by arithmetic; the C library's calendar is the
+// reference, across leap days, century years and both ends of the range.
+TEST(IsoStringTest, AgreesWithTheCLibraryCalendar) {
+  const auto reference = [](std::int64_t ms) {
+    std::int64_t seconds = ms / 1000;
+    if (ms % 1000 < 0) --seconds;
+    const std::time_t t = static_cast<std::time_t>(seconds);
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900,
+                  tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+                  static_cast<int>(ms - seconds * 1000));
+    return std::string(buf);
+  };
+  constexpr std::int64_t kFirst = -62167219200000;  // 0000-01-01T00:00:00.000Z
+  constexpr std::int64_t kLast = 253402300799999;   // 9999-12-31T23:59:59.999Z
+  const std::int64_t edges[] = {kFirst,        kFirst + 1,    kFirst - 1,     kLast,
+                                kLast - 1,     kLast + 1,     -2208988800001, 951868799999,
+                                4107542400000, 4107456000000, -86400000,      86399999};
+  for (const std::int64_t ms : edges) EXPECT_EQ(isoString(ms), reference(ms)) << ms;
+  // About every 37 days and an odd number of milliseconds, over all ten millennia.
+  for (std::int64_t ms = kFirst; ms <= kLast; ms += 3196801237) {
+    ASSERT_EQ(isoString(ms), reference(ms)) << ms;
+  }
 }
 
 TEST(IsoStringTest, ChronologicalOrderMatchesTextOrder) {
