@@ -1,6 +1,7 @@
 #include "core/protocol/wire_json.h"
 
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <concepts>
 #include <cstdint>
@@ -9,6 +10,8 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include "core/text/unicode.h"
 
 namespace corvane {
 
@@ -331,6 +334,123 @@ void decodeRecord(const WireJSON& j, R& record) {
   eachField(record, Decoder{fields});
 }
 
+// Writes JSON text straight from the records, byte for byte what dumping
+// their document gives: an upload batch holds thousands of messages, and
+// building the document first costs several times the writing.
+class TextWriter {
+ public:
+  explicit TextWriter(std::string& out) : out_(out) {}
+
+  void write(std::string_view s) {
+    // Broken UTF-8 should never get here; if it does, the document's own
+    // replacement rules keep the bytes identical.
+    if (!isValidUTF8(s)) {
+      out_ += dumpWireJSON(WireJSON(s));
+      return;
+    }
+    out_ += '"';
+    std::size_t copied = 0;
+    for (std::size_t i = 0; i < s.size(); ++i) {
+      const auto c = static_cast<unsigned char>(s[i]);
+      if (c >= 0x20 && c != '"' && c != '\\') continue;
+      out_.append(s, copied, i - copied);
+      copied = i + 1;
+      out_ += escaped(c);
+    }
+    out_.append(s, copied);
+    out_ += '"';
+  }
+  void write(const std::string& s) { write(std::string_view(s)); }
+  void write(bool b) { out_ += b ? "true" : "false"; }
+  void write(std::int64_t n) {
+    char digits[24];
+    out_.append(digits, std::to_chars(digits, digits + sizeof digits, n).ptr);
+  }
+  void write(std::nullptr_t) { out_ += "null"; }
+  template <class E>
+  requires std::is_enum_v<E>
+  void write(E value) { write(wireName(value)); }
+  template <class T>
+  void write(const std::vector<T>& values) {
+    out_ += '[';
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      if (i > 0) out_ += ',';
+      write(values[i]);
+    }
+    out_ += ']';
+  }
+  template <class R>
+  requires std::is_class_v<R>
+  void write(const R& record) {
+    out_ += '{';
+    eachField(record, FieldWriter{*this});
+    out_ += '}';
+  }
+
+ private:
+  // Writes a record's fields as Encoder does: an absent optional as null or
+  // not at all, a list always.
+  struct FieldWriter {
+    TextWriter& w;
+    bool first = true;
+
+    template <class T>
+    void operator()(const char* key, const T& value) {
+      w.key(key, first);
+      w.write(value);
+    }
+    template <class T>
+    void operator()(const char* key, const std::optional<T>& value, Absent absent) {
+      if (value) {
+        w.key(key, first);
+        w.write(*value);
+      } else if (absent == Absent::null) {
+        w.key(key, first);
+        w.write(nullptr);
+      }
+    }
+    template <class T>
+    void operator()(const char* key, const std::vector<T>& value, Absent) {
+      w.key(key, first);
+      w.write(value);
+    }
+  };
+
+  void key(const char* name, bool& first) {
+    if (!first) out_ += ',';
+    first = false;
+    write(std::string_view(name));
+    out_ += ':';
+  }
+
+  // The escapes of the document's dump: short forms where JSON has them,
+  // else \u00xx in lower-case hex.
+  static std::string escaped(unsigned char c) {
+    switch (c) {
+      case '"':
+        return "\\\"";
+      case '\\':
+        return "\\\\";
+      case '\b':
+        return "\\b";
+      case '\t':
+        return "\\t";
+      case '\n':
+        return "\\n";
+      case '\f':
+        return "\\f";
+      case '\r':
+        return "\\r";
+      default:
+        break;
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    return {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
+  }
+
+  std::string& out_;
+};
+
 }  // namespace
 
 std::string_view wireName(AttachmentKind value) { return nameOf(value); }
@@ -410,6 +530,12 @@ WireJSON parseWireJSON(std::string_view text) {
     // offset is enough and keeps server-supplied bytes out of our messages.
     throw DecodingError({}, "not valid JSON (syntax error at byte " + std::to_string(e.byte) + ")");
   }
+}
+
+std::string encodeJSON(const SyncRequest& value) {
+  std::string out;
+  TextWriter(out).write(value);
+  return out;
 }
 
 std::string dumpWireJSON(const WireJSON& j) {

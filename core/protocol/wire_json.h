@@ -115,4 +115,8 @@ std::string encodeJSON(const T& value) {
   return dumpWireJSON(WireJSON(value));
 }
 
+// The same text for an upload batch, written without building the document
+// (a batch holds up to 2,000 messages).
+std::string encodeJSON(const SyncRequest& value);
+
 }  // namespace corvane

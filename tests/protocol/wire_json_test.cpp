@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <limits>
 #include <string>
 
 namespace corvane {
@@ -250,6 +251,46 @@ TEST(WireJSONTest, InvalidUTF8IsReplacedRatherThanFailingTheEncoding) {
   EXPECT_EQ(decodeJSON<SelfMessageRequest>(encoded).text,
             "ab\xEF\xBF\xBD"
             "cd");
+}
+
+// Upload batches are written straight to text; the bytes must be exactly
+// those of the document, for every byte value and each way a field is absent.
+TEST(WireJSONTest, UploadBatchTextIsTheDocumentsByteForByte) {
+  std::string everyASCII, everyByte;
+  for (int c = 0; c < 128; ++c) everyASCII += static_cast<char>(c);
+  for (int c = 0; c < 256; ++c) everyByte += static_cast<char>(c);
+  const std::string tricky[] = {"",
+                                "plain",
+                                std::string("nul\0inside", 10),
+                                "\x01\x1f\b\f\n\r\t\x7f",
+                                "q\"b\\s/",
+                                "Zo\u00eb \U0001F600 \u2028",
+                                "bad \xff\xfe end",
+                                "cut \xe2\x82",
+                                "\xed\xa0\x80 surrogate",
+                                everyASCII,
+                                everyByte};
+  SyncRequest request;
+  request.cursor = std::numeric_limits<std::int64_t>::min();
+  request.directory = {
+      fullEntry(),
+      DirectoryEntry{
+          "+1555", {}, {}, {}, {}, "SMS", "t", false, std::numeric_limits<std::int64_t>::max()}};
+  for (const auto& text : tricky) {
+    SyncedMessage m = plainMessage();
+    m.text = text;
+    m.guid = text;
+    m.reaction = text.empty() ? std::nullopt : std::optional<std::string>("liked");
+    m.replyToGuid = text.size() > 5 ? std::optional<std::string>(text) : std::nullopt;
+    m.attachments = {AttachmentKind::image, AttachmentKind::video, AttachmentKind::audio,
+                     AttachmentKind::sticker, AttachmentKind::file};
+    request.messages.push_back(m);
+    DirectoryEntry e = fullEntry();
+    e.displayName = text;
+    request.directory.push_back(e);
+  }
+  EXPECT_EQ(encodeJSON(request), dumpWireJSON(WireJSON(request)));
+  EXPECT_EQ(encodeJSON(SyncRequest{}), R"({"directory":[],"messages":[],"cursor":0})");
 }
 
 TEST(WireJSONTest, NestedErrorKeepsReasonAndBuildsThePath) {
