@@ -23,19 +23,30 @@ using rows::placeholders;
 
 bool isInt(const SQLValue& v) { return v.kind() == SQLValue::Kind::integer; }
 
+// The position of a column the statement is known to have.
+std::size_t columnAt(const SQLRow& row, std::string_view name) { return *row.indexOf(name); }
+
 // Column positions of the message statement, resolved once per result.
 struct MessageColumns {
   std::size_t rowid, guid, text, body, fromMe, service, sentMs, amt, assocGuid, threadGuid,
       itemType, hasAttachments, chatId;
 
   explicit MessageColumns(const SQLRow& row)
-      : rowid(at(row, "rowid")), guid(at(row, "guid")), text(at(row, "text")),
-        body(at(row, "attributedBody")), fromMe(at(row, "is_from_me")), service(at(row, "service")),
-        sentMs(at(row, "sent_ms")), amt(at(row, "amt")), assocGuid(at(row, "associated_message_guid")),
-        threadGuid(at(row, "thread_originator_guid")), itemType(at(row, "item_type")),
-        hasAttachments(at(row, "cache_has_attachments")), chatId(at(row, "chat_id")) {}
+      : rowid(columnAt(row, "rowid")), guid(columnAt(row, "guid")), text(columnAt(row, "text")),
+        body(columnAt(row, "attributedBody")), fromMe(columnAt(row, "is_from_me")),
+        service(columnAt(row, "service")), sentMs(columnAt(row, "sent_ms")),
+        amt(columnAt(row, "amt")), assocGuid(columnAt(row, "associated_message_guid")),
+        threadGuid(columnAt(row, "thread_originator_guid")), itemType(columnAt(row, "item_type")),
+        hasAttachments(columnAt(row, "cache_has_attachments")), chatId(columnAt(row, "chat_id")) {}
+};
 
-  static std::size_t at(const SQLRow& row, std::string_view name) { return *row.indexOf(name); }
+// Column positions of the attachment statement.
+struct AttachmentColumns {
+  std::size_t mid, mime, uti, transfer, sticker;
+
+  explicit AttachmentColumns(const SQLRow& row)
+      : mid(columnAt(row, "mid")), mime(columnAt(row, "mime_type")), uti(columnAt(row, "uti")),
+        transfer(columnAt(row, "transfer_name")), sticker(columnAt(row, "is_sticker")) {}
 };
 
 // Removes NUL and U+FFFC and trims, in `s` itself: most texts need neither,
@@ -290,12 +301,14 @@ ChatDB::AttachmentsByRow ChatDB::attachmentsFor(const std::vector<std::int64_t>&
     const std::size_t n = std::min(kAttachmentChunk, rowids.size() - start);
     std::vector<SQLValue> params(rowids.begin() + static_cast<std::ptrdiff_t>(start),
                                  rowids.begin() + static_cast<std::ptrdiff_t>(start + n));
+    std::optional<AttachmentColumns> col;
     db_->forEach(attachmentSQL(n), params, [&](const SQLRow& row) {
-      const SQLValue& mid = row["mid"];
+      if (!col) col.emplace(row);
+      const SQLValue& mid = row.at(col->mid);
       if (!isInt(mid)) return;
-      const auto kind = attachmentKind(row["mime_type"].string(), row["uti"].string(),
-                                       row["transfer_name"].string(),
-                                       isNonZeroInteger(row["is_sticker"]));
+      const auto kind = attachmentKind(row.at(col->mime).string(), row.at(col->uti).string(),
+                                       row.at(col->transfer).string(),
+                                       isNonZeroInteger(row.at(col->sticker)));
       if (!kind) return;
       if (kinds.empty() || kinds.back().first != *mid.int64()) {
         kinds.emplace_back(*mid.int64(), std::vector<AttachmentKind>{});

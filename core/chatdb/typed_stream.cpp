@@ -1,6 +1,7 @@
 #include "core/chatdb/typed_stream.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "core/text/unicode.h"
 
@@ -34,9 +35,13 @@ void appendLE(std::vector<std::uint8_t>& out, std::size_t v, int bytes) {
 
 std::optional<std::string> decodeAttributedBody(std::span<const std::uint8_t> data) {
   if (data.empty()) return std::nullopt;
-  const auto name = std::search(data.begin(), data.end(), kClassName.begin(), kClassName.end());
-  if (name == data.end()) return std::nullopt;
-  const std::size_t p = static_cast<std::size_t>(name - data.begin()) + kClassName.size();
+  // string_view's find (memchr, then a compare) costs a fraction of
+  // std::search's byte-by-byte scan; every text kept only in the body
+  // comes through here.
+  const std::string_view bytes(reinterpret_cast<const char*>(data.data()), data.size());
+  const std::size_t name = bytes.find(kClassName);
+  if (name == std::string_view::npos) return std::nullopt;
+  const std::size_t p = name + kClassName.size();
   if (p == data.size()) return std::nullopt;
 
   const auto marker = std::find(data.begin() + static_cast<std::ptrdiff_t>(p), data.end(),

@@ -74,6 +74,24 @@ TEST(UTF8Test, ValidationAndRepair) {
   }
 }
 
+// ASCII runs are skipped a word at a time; a bad or multi-byte sequence must
+// be seen at every offset, on either side of a word boundary.
+TEST(UTF8Test, ValidationSeesEveryOffset) {
+  for (std::size_t length = 1; length <= 20; ++length) {
+    for (std::size_t at = 0; at < length; ++at) {
+      std::string bad(length, 'a'), good(length, 'a');
+      bad[at] = '\xff';
+      good.replace(at, 1, "\u00e9");
+      EXPECT_FALSE(isValidUTF8(bad)) << length << " " << at;
+      EXPECT_EQ(repairUTF8(bad),
+                std::string(at, 'a') + "\uFFFD" + std::string(length - at - 1, 'a'));
+      EXPECT_TRUE(isValidUTF8(good)) << length << " " << at;
+      EXPECT_EQ(repairUTF8(good), good);
+      EXPECT_EQ(utf16Length(good), length);
+    }
+  }
+}
+
 TEST(UTF8Test, UTF16LengthCountsSurrogatePairs) {
   EXPECT_EQ(utf16Length(""), 0u);
   EXPECT_EQ(utf16Length("abc"), 3u);
