@@ -40,7 +40,20 @@ constexpr std::size_t kMemoryRuns = 3;
 // the six hours after which the directory is sent again in full.
 constexpr std::int64_t kIdleLaterMs = 60000;
 
+constexpr const char* kUsage =
+    "Usage: corvane-bench [--data DIR] [--sizes 10k,100k,1M] [--runs N]\n"
+    "\n"
+    "Times the agent's reads and sync cycles on generated Messages databases against\n"
+    "the same SQL stepped with raw SQLite, and prints one table per size and the\n"
+    "targets. bench/README.md says how to read them.\n"
+    "\n"
+    "  --data DIR    where the databases are generated and kept (build/bench-data)\n"
+    "  --sizes LIST  message counts, k and M allowed (10k,100k,1M); the targets are\n"
+    "                checked on the last\n"
+    "  --runs N      timed runs per figure (15 up to 10k, 9 up to 100k, 5 above)\n";
+
 struct Options {
+  bool help = false;
   std::string dataDir = "build/bench-data";
   std::vector<std::int64_t> sizes = {10000, 100000, 1000000};
   std::optional<std::size_t> runs;
@@ -82,9 +95,10 @@ Options parseOptions(int argc, char** argv) {
       }
     } else if (arg == "--runs") {
       o.runs = std::stoul(value());
+    } else if (arg == "--help" || arg == "-h") {
+      o.help = true;
     } else {
-      throw std::invalid_argument(
-          "usage: corvane-bench [--data DIR] [--sizes 10k,100k,1M] [--runs N]");
+      throw std::invalid_argument("unknown option " + arg + " (see --help)");
     }
   }
   return o;
@@ -147,6 +161,34 @@ void requireSameStatements(const std::string& what, const std::vector<std::strin
                              std::to_string(floor.statements().size()) + " statements, the agent " +
                              std::to_string(agent.size()) + ", or their texts differ");
   }
+}
+
+// Checks that `floorOp` runs the statements `agentOp` runs, then times the
+// two alternately. `agentOp` returns how many items it read, kept in `count`.
+MeasuredPair againstFloor(const std::string& what, ChatDB& db, SqlFloor& floor, std::size_t runs,
+                          const std::function<std::size_t()>& agentOp,
+                          const std::function<void()>& floorOp, std::size_t& count) {
+  requireSameStatements(what, statementsOf(db, [&] { agentOp(); }), floor, floorOp);
+  return measurePair(
+      runs,
+      [&] {
+        count = agentOp();
+        return 0.0;
+      },
+      [&] {
+        floorOp();
+        return 0.0;
+      });
+}
+
+AgentConfig cycleConfig(const chatdbgen::RosterSummary& roster, std::int64_t backfillDays) {
+  return AgentConfig{.protocolVersion = 1,
+                     .rosterHandles = roster.roster,
+                     .backfillDays = backfillDays,
+                     .directoryDays = kDirectoryDays,
+                     .pollIntervalSec = 60,
+                     .selfChannel = {.enabled = true, .handles = roster.ownHandles},
+                     .plan = "free"};
 }
 
 std::vector<std::int64_t> paramsOf(const ChatDB::ChatMap& chats, std::int64_t a, std::int64_t b) {
@@ -229,85 +271,42 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
   std::vector<Line> lines;
 
   // Extraction of everything, and the 30-day backfill of the roster.
-  std::size_t extractedCount = 0, backfillCount = 0, entries = 0;
-  const auto extractAll = [&] { return db.messagesAfter(every, 0, upTo); };
-  const auto extractAllFloor = [&] { floor.extraction(db, afterWhere(every.size()), afterParams); };
-  requireSameStatements("messagesAfter", statementsOf(db, [&] { extractAll(); }), floor,
-                        extractAllFloor);
-  const auto extraction = measurePair(
-      runs,
-      [&] {
-        extractedCount = extractAll().size();
-        return 0.0;
-      },
-      [&] {
-        extractAllFloor();
-        return 0.0;
-      });
+  std::size_t extractedCount = 0, backfillCount = 0, entries = 0, unused = 0;
+  const auto extraction = againstFloor(
+      "messagesAfter", db, floor, runs, [&] { return db.messagesAfter(every, 0, upTo).size(); },
+      [&] { floor.extraction(db, afterWhere(every.size()), afterParams); }, extractedCount);
   lines.push_back(timeLine("messagesAfter, every 1:1 chat from 0 (" +
                                grouped(static_cast<long long>(extractedCount)) + " msgs)",
                            extraction));
   result.extraction = extraction.agent.wall.median / extraction.floor.wall.median;
 
-  const auto backfill = [&] { return db.messagesSince(rosterChats, since30, upTo); };
   const auto backfillFloor = [&] {
     floor.extraction(db, sinceWhere(rosterChats.size()), sinceParams);
   };
-  requireSameStatements("messagesSince", statementsOf(db, [&] { backfill(); }), floor,
-                        backfillFloor);
-  const auto since = measurePair(
-      runs,
-      [&] {
-        backfillCount = backfill().size();
-        return 0.0;
-      },
-      [&] {
-        backfillFloor();
-        return 0.0;
-      });
+  const auto since = againstFloor(
+      "messagesSince", db, floor, runs,
+      [&] { return db.messagesSince(rosterChats, since30, upTo).size(); }, backfillFloor,
+      backfillCount);
   lines.push_back(timeLine("messagesSince, 30 days, " + std::to_string(roster.roster.size()) +
                                " handles (" + grouped(static_cast<long long>(backfillCount)) +
                                " msgs)",
                            since));
 
   // The directory, and maxRowId (the rest of an idle cycle's floor).
-  const auto directory = [&] { return db.buildDirectory(since365, noContacts, {}); };
-  const auto directoryFloor = [&] { floor.directory(db, since365); };
-  requireSameStatements("buildDirectory", statementsOf(db, [&] { directory(); }), floor,
-                        directoryFloor);
-  const auto dir = measurePair(
-      runs,
-      [&] {
-        entries = directory().size();
-        return 0.0;
-      },
-      [&] {
-        directoryFloor();
-        return 0.0;
-      });
+  const auto dir = againstFloor(
+      "buildDirectory", db, floor, runs,
+      [&] { return db.buildDirectory(since365, noContacts, {}).size(); },
+      [&] { floor.directory(db, since365); }, entries);
   lines.push_back(timeLine(
       "buildDirectory, 365 days (" + grouped(static_cast<long long>(entries)) + " entries)", dir));
   result.directory = dir.agent.wall.median / dir.floor.wall.median;
-  const auto rowId = measurePair(
-      runs,
-      [&] {
-        db.maxRowId();
-        return 0.0;
-      },
-      [&] {
-        floor.run(maxSQL, {});
-        return 0.0;
-      });
+  const auto rowId = againstFloor(
+      "maxRowId", db, floor, runs, [&] { return static_cast<std::size_t>(db.maxRowId()); },
+      [&] { floor.run(maxSQL, {}); }, unused);
   lines.push_back(timeLine("maxRowId", rowId));
 
   // Whole cycles against the loopback server.
-  server.setConfig(AgentConfig{.protocolVersion = 1,
-                               .rosterHandles = roster.roster,
-                               .backfillDays = kBackfillDays,
-                               .directoryDays = kDirectoryDays,
-                               .pollIntervalSec = 60,
-                               .selfChannel = {.enabled = true, .handles = roster.ownHandles},
-                               .plan = "free"});
+  server.setConfig(cycleConfig(roster, kBackfillDays));
   testing::TempDir stateDir;
   CycleRunner runner(server.url(), path, stateDir.path());
 
@@ -368,7 +367,7 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
   // JSON encoding of one upload batch.
   SyncRequest batch;
   batch.cursor = upTo;
-  for (const auto& m : extractAll()) {
+  for (const auto& m : db.messagesAfter(every, 0, upTo)) {
     if (batch.messages.size() == kJSONBatch) break;
     batch.messages.push_back(m.message);
   }
@@ -394,13 +393,7 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
     const double perDay = static_cast<double>(backfillCount) / kBackfillDays;
     const auto days = static_cast<std::int64_t>(
         std::min(800.0, perDay > 0 ? std::ceil(kMemoryBackfill / perDay) : 800.0));
-    server.setConfig(AgentConfig{.protocolVersion = 1,
-                                 .rosterHandles = roster.roster,
-                                 .backfillDays = days,
-                                 .directoryDays = kDirectoryDays,
-                                 .pollIntervalSec = 60,
-                                 .selfChannel = {.enabled = true, .handles = roster.ownHandles},
-                                 .plan = "free"});
+    server.setConfig(cycleConfig(roster, days));
     result.memory = measureMemory(self, server, path);
     lines.push_back(memoryLine("peak memory, first cycle, " + std::to_string(days) +
                                    "-day backfill (" + grouped(result.memory->messages) + " msgs)",
@@ -420,6 +413,10 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
 
 int run(int argc, char** argv) {
   const Options options = parseOptions(argc, argv);
+  if (options.help) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
   const std::string self = std::filesystem::read_symlink("/proc/self/exe");
   printMachine();
   BenchServer server;

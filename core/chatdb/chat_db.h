@@ -143,9 +143,11 @@ class ChatDB {
   ChatMap chatsForHandles(const std::vector<std::string>& handles,
                           const std::optional<std::vector<OneToOneChat>>& chats = std::nullopt);
   // One entry per correspondent active since `sinceMs`, newest first, with
-  // names from `contacts`; handles in `exclude` are left out.
+  // names from `contacts`; handles in `exclude` are left out. Reads
+  // oneToOneChats() unless the caller has them already.
   std::vector<DirectoryEntry> buildDirectory(std::int64_t sinceMs, const ContactBook& contacts,
-                                             const std::set<std::string>& exclude);
+                                             const std::set<std::string>& exclude,
+                                             const std::vector<OneToOneChat>* chats = nullptr);
 
   // The user's own addresses and numbers seen since `sinceMs`, at most `max`.
   std::vector<std::string> ownHandles(std::int64_t sinceMs, int max);

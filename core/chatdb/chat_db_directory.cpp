@@ -125,9 +125,11 @@ ChatDB::ChatMap ChatDB::chatsForHandles(const std::vector<std::string>& handles,
 
 std::vector<DirectoryEntry> ChatDB::buildDirectory(std::int64_t sinceMs,
                                                    const ContactBook& contacts,
-                                                   const std::set<std::string>& exclude) {
-  std::unordered_map<std::int64_t, OneToOneChat> chats;
-  for (auto& chat : oneToOneChats()) chats.emplace(chat.chatId, std::move(chat));
+                                                   const std::set<std::string>& exclude,
+                                                   const std::vector<OneToOneChat>* given) {
+  const std::vector<OneToOneChat> read = given ? std::vector<OneToOneChat>{} : oneToOneChats();
+  std::unordered_map<std::int64_t, const OneToOneChat*> chats;
+  for (const auto& chat : given ? *given : read) chats.emplace(chat.chatId, &chat);
 
   struct Active {
     const OneToOneChat* chat;
@@ -139,10 +141,11 @@ std::vector<DirectoryEntry> ChatDB::buildDirectory(std::int64_t sinceMs,
     const auto chatId = rows::integer(row["chatId"]);
     const auto lastMs = rows::integer(row["lastMs"]);
     const auto it = chatId ? chats.find(*chatId) : chats.end();
-    if (it == chats.end() || !it->second.handle || exclude.contains(*it->second.handle) || !lastMs) {
+    if (it == chats.end() || !it->second->handle || exclude.contains(*it->second->handle) ||
+        !lastMs) {
       return;
     }
-    active.push_back({&it->second, *lastMs, rows::integer(row["cnt"]).value_or(0)});
+    active.push_back({it->second, *lastMs, rows::integer(row["cnt"]).value_or(0)});
   });
 
   // Merge chats of one handle (iMessage and SMS) in the order they came.

@@ -88,9 +88,11 @@ class Cycle {
   Directory directory(ChatDB& db) {
     const auto book = deps_.contacts ? deps_.contacts() : nullptr;
     const EmptyContactBook empty;
-    // The user's own handles are notes to self, not correspondents.
-    const auto entries =
-        db.buildDirectory(daysBefore(now_, config_.directoryDays), book ? *book : empty, ownHandles());
+    // The user's own handles are notes to self, not correspondents. The
+    // chats were read at the start of the cycle; reading them again would
+    // repeat the chats statement and the normalising of every handle.
+    const auto entries = db.buildDirectory(daysBefore(now_, config_.directoryDays),
+                                           book ? *book : empty, ownHandles(), &chats_);
     Directory d;
     d.full = !state_.directoryFullAt || now_ - *state_.directoryFullAt > directoryFullRefreshMs - 1;
     for (const auto& entry : entries) {

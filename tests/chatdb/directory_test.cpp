@@ -192,6 +192,24 @@ TEST_F(DirectoryTest, BuildsOneEntryPerRecentCorrespondent) {
   EXPECT_EQ(statements.size(), 5u);
 }
 
+// A sync cycle hands in the chats it has read already: the same entries, and
+// the chats statement is not run again.
+TEST_F(DirectoryTest, ChatsReadBeforeGiveTheSameEntriesWithoutReadingThemAgain) {
+  const auto alexI = builder.oneToOne("+14155550100", "iMessage");
+  const auto alexS = builder.oneToOne("4155550100", "SMS");
+  const auto sam = builder.oneToOne("sam@example.org");
+  builder.message(alexI, MessageSpec{.text = "a", .dateMs = kNow - kDay});
+  builder.message(alexS, MessageSpec{.text = "b", .fromMe = true, .dateMs = kNow, .service = "SMS"});
+  builder.message(sam, MessageSpec{.text = "c", .dateMs = kNow - 2 * kDay});
+  ChatDB& db = open();
+  const auto expected = db.buildDirectory(0, EmptyContactBook(), {"sam@example.org"});
+  const auto chats = db.oneToOneChats();
+  statements.clear();
+  EXPECT_EQ(db.buildDirectory(0, EmptyContactBook(), {"sam@example.org"}, &chats), expected);
+  EXPECT_EQ(std::count(statements.begin(), statements.end(), db.oneToOneChatsSQL()), 0);
+  EXPECT_EQ(statements.size(), 3u);  // the aggregate and two latest messages
+}
+
 TEST_F(DirectoryTest, EqualTimesKeepTheFirstChatAndTiesSortByHandle) {
   const auto first = builder.oneToOne("+14155550100", "iMessage");
   const auto second = builder.oneToOne("4155550100", "SMS");
