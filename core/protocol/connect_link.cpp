@@ -19,6 +19,9 @@ struct QueryItem {
 };
 
 std::string percentDecoded(std::string_view text) {
+  // curl_easy_unescape reads a length of 0 as "up to the NUL", which for an
+  // empty value would run on into the next query item.
+  if (text.empty()) return {};
   int length = 0;
   char* decoded = curl_easy_unescape(nullptr, text.data(), static_cast<int>(text.size()), &length);
   if (decoded == nullptr) return std::string(text);

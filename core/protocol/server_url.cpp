@@ -19,9 +19,26 @@ const std::set<std::string>& trustedHosts() {
   return hosts;
 }
 
+namespace {
+
+// libcurl passes any bytes above 0x7F in a host through (for international
+// names), but white space, control characters and broken UTF-8 make no host
+// name; and a host ending in white space would lose it when validated again.
+bool isPlausibleHost(std::string_view host) {
+  if (!isValidUTF8(host)) return false;
+  for (std::size_t i = 0; i < host.size();) {
+    const char32_t c = decodeUTF8At(host, i);
+    if (c < 0x20 || (c >= 0x7F && c < 0xA0) || isWhitespaceOrNewline(c)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 std::optional<std::string> validate(std::string_view text) {
   const auto parts = parseURL(trimWhitespace(text));
   if (!parts || parts->scheme.empty() || parts->host.empty()) return std::nullopt;
+  if (!isPlausibleHost(parts->host)) return std::nullopt;
   const std::string scheme = lowercased(parts->scheme);
   const bool allowed = scheme == "https" || (scheme == "http" && isLoopback(parts->host));
   if (!allowed) return std::nullopt;

@@ -529,6 +529,10 @@ WireJSON parseWireJSON(std::string_view text) {
     // nlohmann's own message quotes the text around the error; the byte
     // offset is enough and keeps server-supplied bytes out of our messages.
     throw DecodingError({}, "not valid JSON (syntax error at byte " + std::to_string(e.byte) + ")");
+  } catch (const WireJSON::out_of_range&) {
+    // A number beyond a double's range ("1e999") is well-formed JSON that
+    // nlohmann refuses with out_of_range, not parse_error.
+    throw DecodingError({}, "not valid JSON (a number is out of range)");
   }
 }
 

@@ -75,17 +75,18 @@ std::string_view toString(SkipReason reason) {
 }
 
 std::string normalizeForMatch(std::string_view text) {
-  const std::string composed = toNFC(text);
-  std::string out;
-  out.reserve(composed.size());
-  for (std::size_t i = 0; i < composed.size();) {
-    const char32_t c = decodeUTF8At(composed, i);
-    if (c == U'\uFFFC') continue;
-    appendUTF8(out, foldQuote(c));
+  // The placeholder goes before composing: removed after, it could leave a
+  // letter beside a combining mark it had kept apart ("a\uFFFC\u0301"), which
+  // a second pass would then compose. Decoding also repairs ill-formed UTF-8.
+  std::string kept;
+  kept.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    const char32_t c = decodeUTF8At(text, i);
+    if (c != U'\uFFFC') appendUTF8(kept, foldQuote(c));
   }
   // Trimming last also catches blanks that sat next to a removed placeholder,
   // and makes the form idempotent.
-  return std::string(trimWhitespace(out));
+  return std::string(trimWhitespace(toNFC(kept)));
 }
 
 std::vector<SentText> prune(const std::vector<SentText>& list, std::int64_t now,

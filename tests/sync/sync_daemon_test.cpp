@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include <cstdio>
 #include <fstream>
 
@@ -204,8 +206,15 @@ TEST_F(DaemonTest, AlreadyStoppedDaemonRunsNothing) {
 
 TEST_F(DaemonTest, DefaultSleepWakesWhenStopIsRequested) {
   std::stop_source stop;
+  // The stopper learns of the first call through an atomic: `calls` itself
+  // belongs to the daemon's thread.
+  std::atomic<bool> called = false;
+  api->failWith = [&](FakeAgentAPI::Call) {
+    called = true;
+    return std::optional<APIError>();
+  };
   std::thread stopper([&] {
-    while (api->calls.empty()) std::this_thread::yield();
+    while (!called) std::this_thread::yield();
     stop.request_stop();
   });
   // Without the early wake-up this would wait the full hour.
