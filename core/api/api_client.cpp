@@ -38,6 +38,7 @@ void initCurlOnce() {
 struct Answer {
   std::string body;
   bool tooLarge = false;
+  bool headersEnded = false;  // the blank line after the last response's headers came
 };
 
 size_t collect(char* data, size_t size, size_t count, void* user) {
@@ -48,6 +49,22 @@ size_t collect(char* data, size_t size, size_t count, void* user) {
     return 0;  // makes curl abort the transfer
   }
   answer->body.append(data, bytes);
+  return bytes;
+}
+
+// libcurl takes a connection closed inside the header block for a complete
+// answer with an empty body; the blank line that ends the headers tells a
+// whole answer from a cut one. Every response, an interim 1xx one too, starts
+// with its status line.
+size_t noteHeader(char* data, size_t size, size_t count, void* user) {
+  auto* answer = static_cast<Answer*>(user);
+  const size_t bytes = size * count;
+  const std::string_view line(data, bytes);
+  if (line.starts_with("HTTP/")) {
+    answer->headersEnded = false;
+  } else if (line == "\r\n" || line == "\n") {
+    answer->headersEnded = true;
+  }
   return bytes;
 }
 
@@ -159,6 +176,8 @@ std::string APIClient::perform(const char* method, const std::string& path,
   curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxAnswerBytes));
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &answer);
+  curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, noteHeader);
+  curl_easy_setopt(h, CURLOPT_HEADERDATA, &answer);
   curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText);
   // A development server on this machine is never behind the user's proxy.
   if (ServerURL::isLoopback(parts->host)) curl_easy_setopt(h, CURLOPT_NOPROXY, "*");
@@ -186,6 +205,10 @@ std::string APIClient::perform(const char* method, const std::string& path,
   long status = 0;
   curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
   if (status == 0) throw APIError::network("No HTTP response");
+  if (!answer.headersEnded) {
+    throw APIError::network("Can't reach " + host +
+                            " (the connection closed in the middle of the answer's headers)");
+  }
 
   // 6. Revoked or unknown token.
   if (status == 401) {

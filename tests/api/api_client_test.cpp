@@ -414,7 +414,9 @@ TEST(APIClientTest, BrokenHTTPAnswersAreNetworkErrors) {
   const char* replies[] = {
       "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"items\":[]}",  // cut short
       "hello, this is not HTTP\r\n",
-      "",  // closes without a word
+      "",                               // closes without a word
+      "HTTP/1.1 200 OK\r\nContent-Ty",  // closes inside the headers
+      "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n",
   };
   for (const char* reply : replies) {
     RawServer server(reply);
