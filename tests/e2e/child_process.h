@@ -5,12 +5,16 @@
 // The child is SIGKILLed and reaped when the object goes away, so a failed
 // assertion never leaves a process behind. Not safe to share across threads
 // except for the output accessors, which take the lock.
+//
+// A child that needs its limits or namespaces changed first gets a BeforeExec
+// hook; it is then started with fork and execve instead of posix_spawn.
 #pragma once
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +22,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -44,44 +49,33 @@ class ChildProcess {
  public:
   enum class Stream { out, err };
   using Clock = std::chrono::steady_clock;
+  // Runs in the child between fork and exec, where another thread of the
+  // test may have held any lock: async-signal-safe calls only (no allocation,
+  // no stdio). Returns null when done, or the name of the step that failed
+  // with errno set; the child then exits and spawnError() tells why.
+  using BeforeExec = std::function<const char*()>;
 
   ChildProcess(const std::string& binary, std::vector<std::string> args,
-               std::vector<std::string> environment) {
+               std::vector<std::string> environment, const BeforeExec& beforeExec = {}) {
     int out[2] = {-1, -1}, err[2] = {-1, -1};
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
       spawnError_ = std::string("pipe: ") + std::strerror(errno);
       closeAll({out[0], out[1], err[0], err[1]});
       return;
     }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    // The test runner may block or ignore signals; the child starts clean.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none, all;
-    sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &all);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
     args.insert(args.begin(), binary);
     std::vector<char*> argv, envp;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     for (auto& e : environment) envp.push_back(e.data());
     envp.push_back(nullptr);
-    const int rc =
-        posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
+    if (beforeExec) {
+      forkAndExec(binary, argv.data(), envp.data(), out[1], err[1], beforeExec);
+    } else {
+      spawn(binary, argv.data(), envp.data(), out[1], err[1]);
+    }
     closeAll({out[1], err[1]});
-    if (rc != 0) {
-      pid_ = -1;
-      spawnError_ = binary + ": " + std::strerror(rc);
+    if (pid_ <= 0) {
       closeAll({out[0], err[0]});
       return;
     }
@@ -100,7 +94,16 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
   const std::string& spawnError() const { return spawnError_; }
+
+  // False once the child has ended (it is reaped then).
+  bool running() { return pid_ > 0 && !status_ && !reap(WNOHANG); }
+
+  // The child's peak resident size in KiB, once it is reaped. The kernel
+  // carries the high-water mark of the memory image that exec replaced, so
+  // this is at least the test process's own size when the child started.
+  std::optional<long> peakResidentKiB() const { return peakKiB_; }
 
   std::string out() const { return text(Stream::out); }
   std::string err() const { return text(Stream::err); }
@@ -150,6 +153,94 @@ class ChildProcess {
   }
 
  private:
+  void spawn(const std::string& binary, char* const* argv, char* const* envp, int out, int err) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+    // The test runner may block or ignore signals; the child starts clean.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none, all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    const int rc = posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv, envp);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    if (rc != 0) {
+      pid_ = -1;
+      spawnError_ = binary + ": " + std::strerror(rc);
+    }
+  }
+
+  // What the failing child reports through the status pipe.
+  struct ExecFailure {
+    int error;
+    char step[120];
+  };
+
+  void forkAndExec(const std::string& binary, char* const* argv, char* const* envp, int out,
+                   int err, const BeforeExec& beforeExec) {
+    int status[2];
+    if (pipe2(status, O_CLOEXEC) != 0) {
+      spawnError_ = std::string("pipe: ") + std::strerror(errno);
+      return;
+    }
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      ::close(status[0]);
+      const auto fail = [&](const char* step) {
+        ExecFailure failure{errno, {}};
+        for (std::size_t i = 0; step[i] != '\0' && i + 1 < sizeof failure.step; ++i) {
+          failure.step[i] = step[i];
+        }
+        [[maybe_unused]] const ssize_t n = ::write(status[1], &failure, sizeof failure);
+        ::_exit(127);
+      };
+      const int in = ::open("/dev/null", O_RDONLY);
+      if (in < 0 || ::dup2(in, STDIN_FILENO) < 0 || ::dup2(out, STDOUT_FILENO) < 0 ||
+          ::dup2(err, STDERR_FILENO) < 0) {
+        fail("redirecting the standard streams");
+      }
+      if (in > STDERR_FILENO) ::close(in);
+      struct sigaction byDefault {};
+      byDefault.sa_handler = SIG_DFL;
+      for (int sig = 1; sig < NSIG; ++sig) ::sigaction(sig, &byDefault, nullptr);
+      sigset_t none;
+      sigemptyset(&none);
+      ::sigprocmask(SIG_SETMASK, &none, nullptr);
+      if (const char* step = beforeExec()) fail(step);
+      ::execve(binary.c_str(), argv, envp);
+      fail("execve");
+    }
+    ::close(status[1]);
+    if (pid < 0) {
+      spawnError_ = std::string("fork: ") + std::strerror(errno);
+      ::close(status[0]);
+      return;
+    }
+    // The pipe closes empty on a successful exec.
+    ExecFailure failure{};
+    ssize_t n;
+    do {
+      n = ::read(status[0], &failure, sizeof failure);
+    } while (n < 0 && errno == EINTR);
+    ::close(status[0]);
+    if (n <= 0) {
+      pid_ = pid;
+      return;
+    }
+    int ignored = 0;
+    while (::waitpid(pid, &ignored, 0) < 0 && errno == EINTR) {
+    }
+    failure.step[sizeof failure.step - 1] = '\0';
+    spawnError_ = std::string(failure.step) + ": " + std::strerror(failure.error);
+  }
+
   static void closeAll(std::initializer_list<int> fds) {
     for (const int fd : fds) {
       if (fd >= 0) ::close(fd);
@@ -159,11 +250,13 @@ class ChildProcess {
   // True once the child is reaped.
   bool reap(int flags) {
     int raw = 0;
+    rusage usage{};
     pid_t got;
     do {
-      got = ::waitpid(pid_, &raw, flags);
+      got = ::wait4(pid_, &raw, flags, &usage);
     } while (got < 0 && errno == EINTR);
     if (got != pid_) return false;
+    peakKiB_ = usage.ru_maxrss;
     status_ = WIFEXITED(raw) ? ExitStatus{true, WEXITSTATUS(raw), 0}
                              : ExitStatus{false, -1, WIFSIGNALED(raw) ? WTERMSIG(raw) : 0};
     return true;
@@ -209,6 +302,7 @@ class ChildProcess {
 
   pid_t pid_ = -1;
   std::optional<ExitStatus> status_;
+  std::optional<long> peakKiB_;
   std::string spawnError_;
   std::thread reader_;
   mutable std::mutex mutex_;

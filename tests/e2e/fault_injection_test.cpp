@@ -1,0 +1,748 @@
+// Faults injected into real runs of the headless agent: kills at any point of
+// a cycle, a hostile server, a Messages database that is locked or damaged,
+// and an agent home that can't take the next save.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <random>
+#include <regex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "core/chatdb/sqlite_db.h"
+#include "tests/e2e/headless_fixture.h"
+
+namespace corvane::e2e {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_view_literals;
+
+// What a run may grow to. The agent holds at most 16 MiB of an answer; this
+// leaves room for that, the program itself and the test process's own size,
+// which the child's high-water mark starts from.
+constexpr long kPeakLimitKiB = 128 * 1024;
+
+// A server on 127.0.0.1 that reads the head of each request and then does
+// whatever its script says, however un-HTTP that is. Connections are served
+// one after another; the destructor wakes a script that is still waiting or
+// streaming, so no test can hang on it.
+class HostileServer {
+ public:
+  // What a script can do with its connection. Every call stops (send()
+  // returning false) once the client has hung up or the server is going away.
+  class Connection {
+   public:
+    Connection(int fd, int wake) : fd_(fd), wake_(wake) {}
+
+    bool send(std::string_view bytes) {
+      while (!bytes.empty()) {
+        if (!ready(POLLOUT)) return false;
+        const ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+        if (n <= 0) return false;
+        sent_ += static_cast<std::size_t>(n);
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+      }
+      return true;
+    }
+
+    // The same bytes again and again, for as long as the client reads.
+    void sendForever(std::string_view chunk) {
+      while (send(chunk)) {
+      }
+    }
+
+    // `bytes` over and over, one byte at a time with a pause after each.
+    void trickle(std::string_view bytes, std::chrono::milliseconds pause) {
+      for (std::size_t i = 0; send(bytes.substr(i, 1)); i = (i + 1) % bytes.size()) {
+        pollfd wake = {wake_, POLLIN, 0};
+        if (::poll(&wake, 1, static_cast<int>(pause.count())) != 0) return;
+      }
+    }
+
+    // Says nothing more until the client hangs up.
+    void waitForHangUp() {
+      char sink[4096];
+      while (ready(POLLIN)) {
+        if (::recv(fd_, sink, sizeof sink, 0) <= 0) return;
+      }
+    }
+
+    std::size_t bytesSent() const { return sent_; }
+
+   private:
+    // Waits for `events` on the connection; false when the server is going away.
+    bool ready(short events) {
+      pollfd fds[2] = {{wake_, POLLIN, 0}, {fd_, events, 0}};
+      for (;;) {
+        const int n = ::poll(fds, 2, -1);
+        if (n < 0 && errno == EINTR) continue;
+        return n > 0 && fds[0].revents == 0;
+      }
+    }
+
+    int fd_, wake_;
+    std::size_t sent_ = 0;
+  };
+  using Script = std::function<void(Connection&)>;
+
+  explicit HostileServer(Script script) : script_(std::move(script)) {
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::pipe2(wake_, O_CLOEXEC) == 0 &&
+        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::listen(listener_, 4) == 0 &&
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+      port_ = ntohs(address.sin_port);
+      thread_ = std::thread([this] { serve(); });
+    }
+  }
+
+  ~HostileServer() {
+    if (wake_[1] >= 0) {
+      [[maybe_unused]] const ssize_t n = ::write(wake_[1], "x", 1);
+    }
+    if (thread_.joinable()) thread_.join();
+    for (const int fd : {listener_, wake_[0], wake_[1]}) {
+      if (fd >= 0) ::close(fd);
+    }
+  }
+
+  HostileServer(const HostileServer&) = delete;
+  HostileServer& operator=(const HostileServer&) = delete;
+
+  bool listening() const { return port_ > 0; }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+  // Waits until `count` connections have been served to the end of their
+  // scripts; false if that takes longer than `timeout`.
+  bool waitForServed(std::size_t count, std::chrono::milliseconds timeout = 10s) {
+    std::unique_lock lock(mutex_);
+    return served_cv_.wait_for(lock, timeout,
+                               [&] { return heads_.size() >= count && served_ >= count; });
+  }
+  // The request heads received, in order.
+  std::vector<std::string> heads() const {
+    std::lock_guard lock(mutex_);
+    return heads_;
+  }
+  std::size_t bytesSent() const {
+    std::lock_guard lock(mutex_);
+    return bytesSent_;
+  }
+
+ private:
+  void serve() {
+    for (;;) {
+      pollfd fds[2] = {{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
+      if (::poll(fds, 2, -1) < 0) {
+        if (errno == EINTR) continue;
+        return;
+      }
+      if (fds[0].revents != 0) return;
+      const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (client < 0) continue;
+      std::string head = readHead(client);
+      {
+        std::lock_guard lock(mutex_);
+        heads_.push_back(std::move(head));
+      }
+      Connection connection(client, wake_[0]);
+      script_(connection);
+      ::close(client);
+      std::lock_guard lock(mutex_);
+      bytesSent_ += connection.bytesSent();
+      ++served_;
+      served_cv_.notify_all();
+    }
+  }
+
+  // The request line and headers; the agent's first request has no body.
+  std::string readHead(int client) {
+    std::string head;
+    char buffer[4096];
+    while (head.find("\r\n\r\n") == std::string::npos) {
+      pollfd fds[2] = {{wake_[0], POLLIN, 0}, {client, POLLIN, 0}};
+      if (::poll(fds, 2, 10'000) <= 0 || fds[0].revents != 0) break;
+      const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
+      if (n <= 0) break;
+      head.append(buffer, static_cast<std::size_t>(n));
+    }
+    return head;
+  }
+
+  Script script_;
+  int listener_ = -1;
+  int wake_[2] = {-1, -1};
+  int port_ = 0;
+  std::thread thread_;
+  mutable std::mutex mutex_;
+  std::condition_variable served_cv_;
+  std::vector<std::string> heads_;
+  std::size_t served_ = 0;
+  std::size_t bytesSent_ = 0;
+};
+
+// Child-side steps for ChildProcess::BeforeExec; async-signal-safe only.
+
+// A mount namespace of the child's own, so nothing it mounts is seen outside.
+const char* privateMounts() {
+  if (::unshare(CLONE_NEWNS) != 0) return "unshare(CLONE_NEWNS)";
+  if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    return "making the mounts private";
+  }
+  return nullptr;
+}
+
+ChildProcess::BeforeExec readOnlyDirectory(std::string dir) {
+  return [dir = std::move(dir)]() -> const char* {
+    if (const char* failed = privateMounts()) return failed;
+    if (::mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr) != 0) return "bind mount";
+    if (::mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
+      return "read-only remount";
+    }
+    return nullptr;
+  };
+}
+
+// Files may grow to `bytes`; a write past that fails with EFBIG instead of
+// killing the process with SIGXFSZ.
+ChildProcess::BeforeExec fileSizeLimit(rlim_t bytes) {
+  return [bytes]() -> const char* {
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    if (::sigaction(SIGXFSZ, &ignore, nullptr) != 0) return "ignoring SIGXFSZ";
+    const rlimit limit{bytes, bytes};
+    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return "setrlimit(RLIMIT_FSIZE)";
+    return nullptr;
+  };
+}
+
+ChildProcess::BeforeExec tmpfsOn(std::string dir, std::string options) {
+  return [dir = std::move(dir), options = std::move(options)]() -> const char* {
+    if (const char* failed = privateMounts()) return failed;
+    if (::mount("tmpfs", dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
+      return "mounting a tmpfs";
+    }
+    return nullptr;
+  };
+}
+
+struct Descriptor {
+  explicit Descriptor(int f) : fd(f) {}
+  ~Descriptor() {
+    if (fd >= 0) ::close(fd);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  const int fd;
+};
+
+ChildProcess::BeforeExec joinMountNamespace(int fd) {
+  return [fd]() -> const char* { return ::setns(fd, CLONE_NEWNS) == 0 ? nullptr : "setns"; };
+}
+
+class FaultInjection : public HeadlessE2E {
+ protected:
+  // A fault that makes the agent's next state save fail. The agent's home is
+  // home() for the agent and `seenHome` for the test.
+  struct SaveFault {
+    std::string cause;  // the system's text for the error the save meets
+    fs::path seenHome;
+    ChildProcess::BeforeExec everyRun = {};       // e.g. joining the namespace with the home
+    ChildProcess::BeforeExec failingRun = {};     // the fault itself, or
+    std::function<void()> arm = {}, disarm = {};  // the fault made from the test
+  };
+
+  AgentRun runWith(const std::vector<std::string>& args, const ChildProcess::BeforeExec& first,
+                   const ChildProcess::BeforeExec& second = {}) const {
+    if (!first && !second) return corvane(args);
+    return corvane(args, [&]() -> const char* {
+      const char* failed = first ? first() : nullptr;
+      return failed == nullptr && second ? second() : failed;
+    });
+  }
+
+  // A cycle that saves, one whose save meets `fault`, and one after it.
+  void expectSaveFailureToKeepTheState(const SaveFault& fault) {
+    ChatDbBuilder db(chatDB());
+    const auto alex = db.oneToOne(kAlex);
+    messageAt(db, alex, "alex before", kDayMs);
+    auto server = devServer({"--token", kToken, "--roster", kAlex});
+    ASSERT_FALSE(server->url().empty());
+    const fs::path seenState = fault.seenHome / "state.json";
+
+    ASSERT_EXIT_CODE(runWith(cycleArgs(server->url()), fault.everyRun), 0);
+    const std::string saved = readFile(seenState);
+    ASSERT_TRUE(json::accept(saved)) << saved;
+
+    const auto top = messageAt(db, alex, "alex during the fault", 0);
+    if (fault.arm) fault.arm();
+    const AgentRun failed = runWith(cycleArgs(server->url()), fault.everyRun, fault.failingRun);
+    if (fault.disarm) fault.disarm();
+    ASSERT_EXIT_CODE(failed, 1);
+    const std::string line = failed.log().back();
+    EXPECT_TRUE(line.starts_with("error: cycle failed: couldn't ")) << failed.err;
+    EXPECT_NE(line.find(" " + stateFile().string()), std::string::npos) << line;
+    EXPECT_NE(line.find(": " + fault.cause + " \u2014 retrying in "), std::string::npos) << line;
+    EXPECT_EQ(readFile(seenState), saved) << "the previous state was not kept";
+    for (const auto& name : contentsOf(fault.seenHome)) {
+      EXPECT_FALSE(name.ends_with(".tmp")) << "left behind: " << name;
+    }
+
+    // Once the home takes saves again, the row the failed cycle uploaded but
+    // could not commit goes up again and the cursor moves past it.
+    const AgentRun after = runWith(cycleArgs(server->url()), fault.everyRun);
+    ASSERT_EXIT_CODE(after, 0);
+    EXPECT_EQ(json::parse(readFile(seenState))["cursor"], top);
+    const json seen = server->state();
+    ASSERT_EQ(seen["uploads"].size(), 3u);
+    EXPECT_EQ(seen["uploads"][2]["messages"], 1);
+    EXPECT_EQ(fieldOf(seen["messages"], "text"),
+              (std::multiset<std::string>{"alex before", "alex during the fault"}));
+  }
+
+  // Why a child with `beforeExec` can't start here; empty when it can.
+  std::string cannotStart(const ChildProcess::BeforeExec& beforeExec) const {
+    ChildProcess probe("/bin/true", {}, environment(), beforeExec);
+    return probe.started() ? "" : probe.spawnError();
+  }
+};
+
+// SIGKILLs the agent at seeded random points of its cycles, half of them
+// right after a send was logged and half in the upload and the commit of the
+// cursor, with new rows and new outbox items arriving before every run; then
+// one clean run. Nothing may be sent twice, state.json must be whole after
+// every kill, every item must be acknowledged exactly once, and every roster
+// row must reach the server.
+TEST_F(FaultInjection, KilledAtAnyPointNeverSendsTwiceAndLosesNothing) {
+  constexpr int kKills = 100;
+  constexpr int kItemsPerRound = 2;
+  constexpr unsigned kSeed = 20240611;
+  SCOPED_TRACE("seed " + std::to_string(kSeed));
+  std::mt19937 random(kSeed);
+
+  ChatDbBuilder db(chatDB());
+  const auto alex = db.oneToOne(kAlex);
+  const auto stranger = db.oneToOne(kStranger);
+  std::multiset<std::string> rosterTexts = {"alex before"};
+  messageAt(db, alex, "alex before", kDayMs);
+  auto server = devServer({"--token", kToken, "--roster", kAlex});
+  ASSERT_FALSE(server->url().empty());
+
+  const auto checkFiles = [&] {
+    if (fs::exists(stateFile())) {
+      const std::string text = readFile(stateFile());
+      ASSERT_TRUE(json::accept(text)) << "state.json is not JSON:\n" << text;
+      std::set<std::string> ids;
+      const json records = json::parse(text)["outboxDone"];
+      for (const auto& r : records) {
+        EXPECT_TRUE(ids.insert(r["id"].get<std::string>()).second) << "two records for " << r;
+      }
+    }
+    std::map<std::string, int> times;
+    for (const auto& record : sentRecords()) ++times[record["text"].get<std::string>()];
+    for (const auto& [text, n] : times) EXPECT_EQ(n, 1) << "\"" << text << "\" sent " << n << "x";
+  };
+
+  int killedAfterASend = 0;
+  for (int i = 0; i < kKills; ++i) {
+    SCOPED_TRACE("kill " + std::to_string(i));
+    for (int k = 0; k < kItemsPerRound; ++k) {
+      const std::string id = "r" + std::to_string(i) + "-" + std::to_string(k);
+      ASSERT_TRUE(server->addOutbox({{"id", id}, {"handle", kAlex}, {"text", "note " + id}}));
+    }
+    const std::string live = "alex live " + std::to_string(i);
+    messageAt(db, alex, live, 0);
+    messageAt(db, stranger, "stranger live " + std::to_string(i), 0);
+    rosterTexts.insert(live);
+
+    const std::size_t configsBefore = server->requestsSeen(kConfigRequest);
+    auto agent = startCorvane(cycleArgs(server->url()));
+    bool afterSend = false;
+    if (random() % 2 == 0) {
+      // Around a send: the write-ahead record, the send, its record, the ack.
+      const int sends = 1 + static_cast<int>(random() % 3);
+      afterSend = agent->waitFor(Stream::err, "[fake-send]", static_cast<std::size_t>(sends));
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 500));
+    } else {
+      // Somewhere in the upload and the commit of the cursor.
+      server->waitForRequest(kConfigRequest, configsBefore + 1);
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
+    }
+    agent->signal(SIGKILL);
+    const auto status = agent->wait();
+    ASSERT_TRUE(status.has_value());
+    if (status->exited) {
+      ASSERT_EQ(status->code, 0) << agent->err();  // finished before the kill
+    } else if (afterSend) {
+      ++killedAfterASend;
+    }
+    checkFiles();
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(killedAfterASend, 0) << "no kill landed in the outbox stage";
+
+  const AgentRun clean = corvane(cycleArgs(server->url()));
+  ASSERT_EXIT_CODE(clean, 0);
+  checkFiles();
+
+  std::map<std::string, int> sentTimes;
+  for (const auto& record : sentRecords()) ++sentTimes[record["text"].get<std::string>()];
+  const json seen = server->state();
+  const std::string requests = server->log();
+  ASSERT_EQ(seen["outbox"].size(), static_cast<std::size_t>(kKills * kItemsPerRound));
+  std::map<std::string, std::string> statusOf;
+  for (const auto& item : seen["outbox"]) {
+    SCOPED_TRACE(item.dump());
+    const std::string id = item["id"];
+    const auto& ack = item["ack"];
+    ASSERT_TRUE(ack.is_object()) << "never acknowledged";
+    // Once acknowledged, an item leaves the outbox the agent is given, so a
+    // second ack would mean the agent acked something it was not shown.
+    const std::string ackRequest = "] POST " + std::string("/api/agent/outbox/") + id + " ";
+    EXPECT_EQ(ChildProcess::occurrences(requests, ackRequest), 1u);
+    EXPECT_EQ(ChildProcess::occurrences(requests, ackRequest + "\u2192 200 "), 1u);
+    const std::string text = item["text"];
+    if (ack["status"] == "sent") {
+      EXPECT_EQ(sentTimes[text], 1);
+    } else {
+      // Cut off between the write-ahead record and the end of the send: it
+      // may or may not have gone out, but it is never tried again.
+      EXPECT_EQ(ack["status"], "failed");
+      EXPECT_EQ(ack["error"], kInterrupted);
+      EXPECT_LE(sentTimes[text], 1);
+    }
+    statusOf[id] = ack["status"].get<std::string>();
+  }
+  const json done = state()["outboxDone"];
+  EXPECT_EQ(done.size(), static_cast<std::size_t>(kKills * kItemsPerRound));
+  for (const auto& record : done) {
+    // A kill after the ack but before the next save leaves the write-ahead
+    // record behind; the server no longer lists the item, so that is final.
+    if (record["acked"] == true || record["status"] == "sent") {
+      EXPECT_EQ(record["status"], statusOf[record["id"].get<std::string>()]) << record;
+    }
+  }
+
+  // Uploads may repeat a range after a kill, but none is skipped and nothing
+  // off the roster is ever sent.
+  EXPECT_EQ(fieldOf(seen["messages"], "text"), rosterTexts);
+  for (const auto& upload : seen["uploads"]) EXPECT_EQ(upload["dropped"], 0) << upload;
+}
+
+// The first answer the agent gets is broken in one way or another. The cycle
+// must fail with the error kind that fits (a network error is retried with a
+// warning, an answer of the wrong shape is an error), soon, and without
+// holding more of the answer than its cap.
+TEST_F(FaultInjection, HostileAnswersFailTheCycleQuicklyAndInBoundedMemory) {
+  using Connection = HostileServer::Connection;
+  const std::string networkError = R"(warn: (Can't reach 127\.0\.0\.1 \(.+\)))";
+  const std::string shapeError =
+      R"(error: cycle failed: (GET /api/agent/config: unexpected response shape \()";
+  const std::string tooLarge = shapeError + R"(the answer is larger than 16 MiB\)))";
+  const std::string head200 = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n";
+  const std::string filler(16 * 1024, ' ');
+
+  struct Case {
+    const char* name;
+    HostileServer::Script script;
+    std::string expected;  // the last log line without its " — retrying in Ns"
+  };
+  const std::vector<Case> cases = {
+      {"bytes that are not HTTP",
+       [](Connection& c) { c.send("\x16\x03\x01\x00\xff garbage\r\n\r\n\0\x01"sv); }, networkError},
+      {"a 200 whose JSON is cut short",
+       [&](Connection& c) {
+         const std::string body = R"({"protocolVersion":1,"rosterHandles":["+1415)";
+         c.send(head200 + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+       },
+       shapeError + R"(not valid JSON \(.+\)\)))"},
+      {"a 200 announcing 2 GiB, a few bytes, then silence",
+       [&](Connection& c) {
+         c.send(head200 + "Content-Length: 2147483648\r\n\r\n{\"plan\":");
+         c.waitForHangUp();
+       },
+       tooLarge},
+      {"a chunked body that never ends",
+       [&](Connection& c) {
+         if (!c.send(head200 + "Transfer-Encoding: chunked\r\n\r\n")) return;
+         c.sendForever("4000\r\n" + filler + "\r\n");
+       },
+       tooLarge},
+      {"a body without a length that never ends",
+       [&](Connection& c) {
+         if (!c.send(head200 + "Connection: close\r\n\r\n[")) return;
+         c.sendForever(filler);
+       },
+       tooLarge},
+      {"headers that never end",
+       [&](Connection& c) {
+         if (!c.send("HTTP/1.1 200 OK\r\n")) return;
+         c.sendForever("X-Padding: " + std::string(100, 'p') + "\r\n");
+       },
+       networkError},
+      {"a connection closed in the middle of the body",
+       [&](Connection& c) {
+         c.send(head200 + "Content-Length: 4096\r\n\r\n" + R"({"protocolVersion":1,"roster)");
+       },
+       networkError},
+      {"a connection closed in the middle of the headers",
+       [](Connection& c) { c.send("HTTP/1.1 200 OK\r\nContent-Ty"); }, networkError},
+      {"a connection closed without a word", [](Connection&) {}, networkError},
+  };
+
+  ChatDbBuilder db(chatDB());
+  db.oneToOne(kAlex);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HostileServer server(c.script);
+    ASSERT_TRUE(server.listening());
+    // Within the child's 20 s wait, so none of these relies on the 30 s
+    // time-out of the request.
+    const AgentRun run = corvane(cycleArgs(server.url()));
+    ASSERT_EXIT_CODE(run, 1);
+    ASSERT_TRUE(server.waitForServed(1)) << "the script did not end after the agent did";
+
+    const std::string line = run.log().back();
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(line, m, std::regex(c.expected + " \u2014 retrying in \\d+s")))
+        << line;
+    // The failure is what the state remembers.
+    const std::string lastError = state()["lastError"];
+    EXPECT_TRUE(lastError.ends_with(" " + m[1].str())) << lastError;
+
+    ASSERT_TRUE(run.peakKiB.has_value());
+    EXPECT_LT(*run.peakKiB, kPeakLimitKiB);
+    // It stopped reading soon after the cap; a few MiB of slack are socket buffers.
+    EXPECT_LT(server.bytesSent(), 32u * 1024 * 1024);
+    const auto heads = server.heads();
+    ASSERT_EQ(heads.size(), 1u) << "a request after the failed one";
+    EXPECT_TRUE(heads[0].starts_with(kConfigRequest + " HTTP/1.1\r\n")) << heads[0];
+  }
+}
+
+// An answer that trickles in forever is cut off by the request's time-out
+// (30 s for the config call), not left to hold the cycle.
+TEST_F(FaultInjection, AnAnswerThatTricklesForeverEndsAtTheRequestTimeOut) {
+  HostileServer server([](HostileServer::Connection& c) {
+    if (!c.send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")) return;
+    c.trickle("{\"plan\": \"", 200ms);
+  });
+  ASSERT_TRUE(server.listening());
+  ChatDbBuilder db(chatDB());
+  const AgentRun run = corvane(cycleArgs(server.url()), ChildProcess::BeforeExec{}, 90s);
+  ASSERT_EXIT_CODE(run, 1);
+  const std::string line = run.log().back();
+  EXPECT_TRUE(std::regex_match(
+      line, std::regex("warn: Can't reach 127\\.0\\.0\\.1 \\(.*timed out.*\\) \u2014 retrying in "
+                       "\\d+s")))
+      << line;
+}
+
+// A writer holding the database's exclusive lock (as Messages does while it
+// writes) for less than the agent's busy time-out is waited out.
+TEST_F(FaultInjection, AShortWriteLockOnTheMessagesDatabaseIsWaitedOut) {
+  ChatDbBuilder db(chatDB());
+  const auto alex = db.oneToOne(kAlex);
+  messageAt(db, alex, "alex before", kDayMs);
+  auto server = devServer({"--token", kToken, "--roster", kAlex});
+  ASSERT_FALSE(server->url().empty());
+
+  db.db().exec("BEGIN EXCLUSIVE");
+  const auto lockedAt = std::chrono::steady_clock::now();
+  messageAt(db, alex, "written under the lock", 0);
+  auto agent = startCorvane(cycleArgs(server->url()));
+  ASSERT_TRUE(server->waitForRequest(kConfigRequest, 1)) << agent->err();
+  std::this_thread::sleep_until(lockedAt + 3s);
+  // Every read needs the lock, so the cycle cannot be done yet.
+  EXPECT_TRUE(agent->running()) << agent->err();
+  db.db().exec("COMMIT");
+
+  const auto status = agent->wait();
+  ASSERT_TRUE(status.has_value()) << agent->err();
+  ASSERT_EQ(*status, ExitStatus::exit(0)) << describe(*status) << "\n" << agent->err();
+  EXPECT_EQ(fieldOf(server->state()["messages"], "text"),
+            (std::multiset<std::string>{"alex before", "written under the lock"}));
+}
+
+// Held past the busy time-out (5 s), the lock fails the cycle with SQLite's
+// own words for it; the next cycle after the writer is done catches up.
+TEST_F(FaultInjection, AWriteLockHeldPastTheBusyTimeOutFailsTheCycleClearly) {
+  ChatDbBuilder db(chatDB());
+  const auto alex = db.oneToOne(kAlex);
+  messageAt(db, alex, "alex before", kDayMs);
+  auto server = devServer({"--token", kToken, "--roster", kAlex});
+  ASSERT_FALSE(server->url().empty());
+
+  db.db().exec("BEGIN EXCLUSIVE");
+  messageAt(db, alex, "written under the lock", 0);
+  const AgentRun locked = corvane(cycleArgs(server->url()));  // the lock outlasts the run
+  db.db().exec("COMMIT");
+  ASSERT_EXIT_CODE(locked, 1);
+  EXPECT_EQ(locked.log().back(), "error: SQLite error 5: database is locked") << locked.err;
+  EXPECT_TRUE(server->state()["uploads"].empty());
+
+  ASSERT_EXIT_CODE(corvane(cycleArgs(server->url())), 0);
+  EXPECT_EQ(fieldOf(server->state()["messages"], "text"),
+            (std::multiset<std::string>{"alex before", "written under the lock"}));
+}
+
+// A database whose pages are damaged behind a valid header, or cut short:
+// the cycle fails with SQLite's report of it, when the agent opens the
+// database or later in the cycle, exits 1 rather than crashing, and uploads
+// none of what it read before the damage.
+TEST_F(FaultInjection, DamagedDatabasePagesFailTheCycleWithoutACrashOrAnUpload) {
+  auto server = devServer({"--token", kToken, "--roster", kAlex});
+  ASSERT_FALSE(server->url().empty());
+
+  struct Layout {
+    std::int64_t pageSize = 0, pages = 0;
+    std::int64_t messageRoot = 0, lastMessageLeaf = 0;
+  };
+  struct Case {
+    const char* name;
+    std::function<void(const Layout& layout)> damage;
+  };
+  std::mt19937 random(7);
+  const auto scribble = [&](const Layout& layout, std::int64_t first, std::int64_t last) {
+    std::fstream file(chatDB(), std::ios::in | std::ios::out | std::ios::binary);
+    std::string bytes(static_cast<std::size_t>(layout.pageSize), '\0');
+    for (std::int64_t page = first; page <= last; ++page) {
+      for (auto& b : bytes) b = static_cast<char>(random());
+      file.seekp((page - 1) * layout.pageSize);
+      file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+    ASSERT_TRUE(file.good());
+  };
+  // Found when the agent opens the database (its check reads whatever pages
+  // SQLite's plan for the first row needs) or by a later read of the cycle.
+  const std::regex reported(
+      "error: SQLite error 11: database disk image is malformed|"
+      "error: cycle failed: SQLite error 11: database disk image is malformed \u2014 retrying in "
+      "\\d+s");
+  const std::vector<Case> cases = {
+      {"every page after the first",
+       [&](const Layout& layout) { scribble(layout, 2, layout.pages); }},
+      {"the root page of the messages",
+       [&](const Layout& layout) { scribble(layout, layout.messageRoot, layout.messageRoot); }},
+      {"the page with the newest messages",
+       [&](const Layout& layout) {
+         scribble(layout, layout.lastMessageLeaf, layout.lastMessageLeaf);
+       }},
+      {"the file cut off after half its pages",
+       [&](const Layout& layout) {
+         fs::resize_file(chatDB(), static_cast<std::uintmax_t>(layout.pages / 2 * layout.pageSize));
+       }},
+  };
+
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove(chatDB());
+    {
+      ChatDbBuilder db(chatDB());
+      const auto alex = db.oneToOne(kAlex);
+      db.transaction([&] {
+        for (int i = 0; i < 300; ++i) {
+          messageAt(db, alex, "message " + std::to_string(i) + " " + std::string(200, 'x'),
+                    kDayMs - i);
+        }
+      });
+    }
+    Layout layout;
+    {
+      SQLiteDB read(chatDB(), /*readOnly=*/true);
+      const auto number = [&](const std::string& sql) {
+        return read.query(sql).at(0).at(0).int64().value();
+      };
+      layout.pageSize = number("PRAGMA page_size");
+      layout.pages = number("PRAGMA page_count");
+      layout.messageRoot = number("SELECT rootpage FROM sqlite_master WHERE name = 'message'");
+      layout.lastMessageLeaf =
+          number("SELECT MAX(pageno) FROM dbstat WHERE name = 'message' AND pagetype = 'leaf'");
+    }
+    ASSERT_GT(layout.pages, 20) << "too small to damage only in part";
+    ASSERT_NE(layout.lastMessageLeaf, layout.messageRoot);
+    c.damage(layout);
+    if (HasFatalFailure()) return;
+
+    const AgentRun run = corvane(cycleArgs(server->url()));
+    ASSERT_EXIT_CODE(run, 1);
+    const std::string line = run.log().back();
+    EXPECT_TRUE(std::regex_match(line, reported)) << run.err;
+    EXPECT_TRUE(server->state()["uploads"].empty());
+  }
+}
+
+// A read-only home: a private read-only bind mount for root (for whom
+// permissions are no obstacle), mode 0555 for anyone else.
+TEST_F(FaultInjection, AReadOnlyHomeFailsTheSaveAndKeepsThePreviousState) {
+  SaveFault fault{.cause = "Read-only file system", .seenHome = home()};
+  if (::geteuid() == 0) {
+    fault.failingRun = readOnlyDirectory(home().string());
+    if (const std::string why = cannotStart(fault.failingRun); !why.empty()) {
+      GTEST_SKIP() << "running as root without the right to mount (" << why
+                   << "), and permissions don't stop root";
+    }
+  } else {
+    fault.cause = "Permission denied";
+    fault.arm = [&] { fs::permissions(home(), fs::perms(0555)); };
+    fault.disarm = [&] { fs::permissions(home(), fs::perms(0700)); };
+  }
+  expectSaveFailureToKeepTheState(fault);
+}
+
+// The file size limit cuts the write of the new state off part way.
+TEST_F(FaultInjection, AWriteCutOffPartWayFailsTheSaveAndKeepsThePreviousState) {
+  expectSaveFailureToKeepTheState(
+      {.cause = "File too large", .seenHome = home(), .failingRun = fileSizeLimit(64)});
+}
+
+// A real full disk: a small tmpfs over the home in a mount namespace that a
+// sleeping child keeps alive, which every run joins and the test reaches
+// through the child's root.
+TEST_F(FaultInjection, AFullDiskFailsTheSaveAndKeepsThePreviousState) {
+  ChildProcess keeper("/bin/sleep", {"600"}, environment(),
+                      tmpfsOn(home().string(), "size=256k,mode=0700"));
+  if (!keeper.started()) GTEST_SKIP() << "can't mount a tmpfs here: " << keeper.spawnError();
+  const Descriptor ns(
+      ::open(("/proc/" + std::to_string(keeper.pid()) + "/ns/mnt").c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_GE(ns.fd, 0) << std::strerror(errno);
+  const fs::path seenHome =
+      fs::path("/proc/" + std::to_string(keeper.pid()) + "/root") / home().relative_path();
+  const fs::path filler = seenHome / "filler";
+
+  expectSaveFailureToKeepTheState(
+      {.cause = "No space left on device",
+       .seenHome = seenHome,
+       .everyRun = joinMountNamespace(ns.fd),
+       .arm =
+           [&] {
+             std::ofstream out(filler, std::ios::binary);
+             const std::string block(4096, 'f');
+             while (out.write(block.data(), static_cast<std::streamsize>(block.size()))) {
+               out.flush();
+             }
+           },
+       .disarm = [&] { fs::remove(filler); }});
+}
+
+}  // namespace
+}  // namespace corvane::e2e
