@@ -204,6 +204,10 @@ class HeadlessE2E : public ::testing::Test {
                                     "PATH=/usr/bin:/bin",
                                     "LANG=C.UTF-8"};
     if (token) env.push_back("QUODDLE_TOKEN=" + *token);
+    // A sanitizer build's settings and suppressions hold for the agent too.
+    for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+      if (const char* value = std::getenv(name)) env.push_back(std::string(name) + "=" + value);
+    }
     return env;
   }
 
