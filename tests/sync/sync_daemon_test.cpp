@@ -4,6 +4,9 @@
 
 #include <cstdio>
 #include <fstream>
+#include <latch>
+#include <thread>
+#include <vector>
 
 #include "core/protocol/iso_time.h"
 #include "core/sync/contacts_cache.h"
@@ -242,6 +245,32 @@ TEST(ContactsCacheTest, ReusesTheBookUntilItExpiresOrIsInvalidated) {
   cache.get();
   EXPECT_EQ(loads, 3);
   EXPECT_EQ(ContactsCache(10, nullptr).get(), nullptr);
+}
+
+// Callers arriving together wait for the one load instead of each reading
+// the address book.
+TEST(ContactsCacheTest, CallersOnSeveralThreadsShareOneLoad) {
+  std::atomic<int> loads = 0;
+  ContactsCache cache(
+      60, [&] {
+        ++loads;
+        return std::make_shared<const EmptyContactBook>();
+      },
+      [] { return std::int64_t{0}; });
+  constexpr int kThreads = 8;
+  std::latch start(kThreads);
+  std::vector<std::shared_ptr<const ContactBook>> seen(kThreads);
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&, i] {
+        start.arrive_and_wait();
+        seen[i] = cache.get();
+      });
+    }
+  }
+  EXPECT_EQ(loads, 1);
+  for (const auto& book : seen) EXPECT_EQ(book, seen[0]);
 }
 
 TEST(ConsoleLoggerTest, WritesStampedLinesWithLevelPrefixes) {
