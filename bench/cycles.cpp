@@ -55,6 +55,8 @@ class CycleRunner::TimedAPI final : public AgentAPI {
   SelfMessageResponse postSelf(const SelfMessageRequest& request) override {
     return client_.postSelf(request);
   }
+  PairResponse pair(const PairRequest& request) override { return client_.pair(request); }
+  void postStatus(const AgentStatusRequest& request) override { client_.postStatus(request); }
 
   double syncSeconds = 0;
 

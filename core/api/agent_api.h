@@ -1,4 +1,5 @@
-// The calls of the agent API that the sync engine needs. APIClient talks to
+// The calls of the agent API: those the sync engine needs, pairing and the
+// status report. APIClient talks to
 // the real server; tests and offline runs hand in another implementation.
 // Every operation returns the decoded answer or throws APIError. Whether an
 // implementation may be called from several threads is its own promise
@@ -32,6 +33,12 @@ class AgentAPI {
 
   // Forwards one note the user texted to themselves.
   virtual SelfMessageResponse postSelf(const SelfMessageRequest& request) = 0;
+
+  // Exchanges a pairing code for a device token (needs no token itself).
+  virtual PairResponse pair(const PairRequest& request) = 0;
+
+  // Tells the server which permissions this Mac holds.
+  virtual void postStatus(const AgentStatusRequest& request) = 0;
 };
 
 }  // namespace corvane

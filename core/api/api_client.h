@@ -44,9 +44,9 @@ class APIClient final : public AgentAPI {
   // POST "/api/agent/self", 30 s.
   SelfMessageResponse postSelf(const SelfMessageRequest& request) override;
   // POST "/api/agent/pair", 30 s. Use the returned token in a new client.
-  PairResponse pair(const PairRequest& request);
+  PairResponse pair(const PairRequest& request) override;
   // POST "/api/agent/status", 30 s; the answer is ignored.
-  void postStatus(const AgentStatusRequest& request);
+  void postStatus(const AgentStatusRequest& request) override;
 
   // The path of the ack call: only letters, digits and "-_.~" of `id` stay
   // as they are ("a b/c" gives "/api/agent/outbox/a%20b%2Fc").

@@ -7,10 +7,9 @@
 #include <mutex>
 #include <random>
 
-#include "core/api/api_error.h"
-#include "core/chatdb/chat_db.h"
 #include "core/protocol/iso_time.h"
 #include "core/sync/contacts_cache.h"
+#include "core/sync/cycle_failure.h"
 #include "core/sync/sync_engine.h"
 #include "core/text/unicode.h"
 
@@ -49,28 +48,31 @@ struct FailurePlan {
 FailurePlan planFor(const std::exception& error, int failures, int base, int databaseBase,
                     const std::function<double()>& random) {
   const std::string message = error.what();
-  if (const auto* api = dynamic_cast<const APIError*>(&error)) {
-    if (api->kind() == APIError::Kind::unauthorized) {
+  const auto retryIn = [&](int b) { return backoffSec(b, failures, random); };
+  switch (classifyCycleFailure(error)) {
+    case CycleFailure::revoked:
       return {std::nullopt, [message](SyncLogger& log) {
                 log.error(message +
                           "\nThis Mac was disconnected from Corvane (or its token revoked). "
                           "Stopping. Reconnect from the Corvane menu \u203A Setup\u2026.");
               }};
-    }
-    if (api->isTransient()) {
-      const int wait = backoffSec(base, failures, random);
+    case CycleFailure::transient: {
+      const int wait = retryIn(base);
       return {wait, [message, wait](SyncLogger& log) {
                 log.warn(message + " \u2014 retrying in " + std::to_string(wait) + "s");
               }};
     }
+    case CycleFailure::databaseMissing:
+      return {kMissingDatabaseWaitSec, [message](SyncLogger& log) { log.error(message); }};
+    case CycleFailure::noFullDiskAccess:
+    case CycleFailure::database:
+      return {std::min(retryIn(databaseBase), kDatabaseWaitCapSec),
+              [message](SyncLogger& log) { log.error(message); }};
+    case CycleFailure::stopped:
+    case CycleFailure::other:
+      break;
   }
-  if (const auto* open = dynamic_cast<const ChatDB::OpenError*>(&error)) {
-    const int wait = open->kind() == ChatDB::OpenError::Kind::missing
-                         ? kMissingDatabaseWaitSec
-                         : std::min(backoffSec(databaseBase, failures, random), kDatabaseWaitCapSec);
-    return {wait, [message](SyncLogger& log) { log.error(message); }};
-  }
-  const int wait = backoffSec(base, failures, random);
+  const int wait = retryIn(base);
   return {wait, [message, wait](SyncLogger& log) {
             log.error("cycle failed: " + message + " \u2014 retrying in " + std::to_string(wait) +
                       "s");

@@ -11,6 +11,7 @@
 #include "core/contacts/phone.h"
 #include "core/protocol/iso_time.h"
 #include "core/protocol/wire_json.h"
+#include "core/sync/cycle_failure.h"
 #include "core/sync/digest.h"
 #include "core/sync/self_channel.h"
 #include "core/text/unicode.h"
@@ -49,6 +50,7 @@ class Cycle {
   CycleResult run() {
     state_ = deps_.store->load();
     config_ = deps_.api->getConfig();
+    if (deps_.stop.stop_requested()) throw CycleStopped();
     result_.pollIntervalSec = config_.pollIntervalSec;
     result_.rosterCount = static_cast<std::int64_t>(config_.rosterHandles.size());
 
@@ -57,8 +59,11 @@ class Cycle {
     chats_ = db.oneToOneChats();
     rosterChats_ = db.chatsForHandles(config_.rosterHandles, chats_);
 
+    checkStop();
     syncMessagesAndDirectory(db);
+    checkStop();
     runSelfChannel(db);
+    checkStop();
     deliverOutbox();
 
     if (!deps_.dryRun) {
@@ -71,6 +76,14 @@ class Cycle {
   }
 
  private:
+  // Keeps what the stages so far did (notes already posted must not be
+  // posted again), then ends the cycle.
+  void checkStop() {
+    if (!deps_.stop.stop_requested()) return;
+    if (!deps_.dryRun) deps_.store->save(state_);
+    throw CycleStopped();
+  }
+
   struct Directory {
     std::vector<DirectoryEntry> toSend;
     std::map<std::string, std::string> fingerprints;
@@ -234,6 +247,7 @@ class Cycle {
   void deliverOutbox() {
     const OutboxResponse outbox = deps_.api->getOutbox();
     for (const auto& item : outbox.items) {
+      checkStop();  // between two items, never during a send
       const std::string kind(wireName(item.kind));
       const std::string what = kind + " message to " + item.handle + ": " + item.text;
       if (doneRecord(item.id)) {

@@ -6,8 +6,9 @@
 // tests run whole cycles against in-memory stores and a loopback server.
 //
 // A cycle runs on the caller's thread and throws on any stage it cannot
-// complete (APIError, ChatDB::OpenError, SQLiteError, a failed save); what was
-// saved before the failing stage stays saved.
+// complete (APIError, ChatDB::OpenError, SQLiteError, a failed save, or
+// CycleStopped); what was saved before the failing stage stays saved.
+// classifyCycleFailure (cycle_failure.h) says what a failure means.
 #pragma once
 
 #include <cstdint>
@@ -36,6 +37,9 @@ struct CycleDeps {
   bool dryRun = false;
   std::shared_ptr<SyncLogger> log;
   std::function<std::int64_t()> now;  // Unix milliseconds
+  // Checked between stages and between two outbox items, never during a
+  // send; a requested stop ends the cycle with CycleStopped.
+  std::stop_token stop{};
 };
 
 struct CycleResult {

@@ -36,6 +36,17 @@ SelfMessageResponse FakeAgentAPI::postSelf(const SelfMessageRequest& request) {
   return {1};
 }
 
+PairResponse FakeAgentAPI::pair(const PairRequest& request) {
+  enter(Call::pair);
+  pairs.push_back(request);
+  return pairResponse;
+}
+
+void FakeAgentAPI::postStatus(const AgentStatusRequest& request) {
+  enter(Call::status);
+  statuses.push_back(request);
+}
+
 std::vector<SyncedMessage> FakeAgentAPI::uploadedMessages() const {
   std::vector<SyncedMessage> all;
   for (const auto& s : syncs) all.insert(all.end(), s.messages.begin(), s.messages.end());

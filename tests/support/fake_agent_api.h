@@ -14,7 +14,7 @@ namespace corvane::testing {
 
 class FakeAgentAPI final : public AgentAPI {
  public:
-  enum class Call { config, sync, outbox, ack, self };
+  enum class Call { config, sync, outbox, ack, self, pair, status };
 
   AgentConfig config{.protocolVersion = 1,
                      .rosterHandles = {},
@@ -24,13 +24,17 @@ class FakeAgentAPI final : public AgentAPI {
                      .selfChannel = {},
                      .plan = "free"};
   std::vector<OutboxItem> outbox;
+  PairResponse pairResponse{.token = "tok-new", .deviceId = "dev-1", .userName = "Sam"};
 
   std::vector<SyncRequest> syncs;
   std::vector<std::pair<std::string, OutboxAck>> acks;
   std::vector<SelfMessageRequest> selfPosts;
+  std::vector<PairRequest> pairs;
+  std::vector<AgentStatusRequest> statuses;
   std::vector<Call> calls;
 
-  // Consulted before every call; returning an error makes the call throw it.
+  // Consulted before every call (on the calling thread); returning an error
+  // makes the call throw it.
   std::function<std::optional<APIError>(Call)> failWith;
 
   AgentConfig getConfig() override;
@@ -38,6 +42,8 @@ class FakeAgentAPI final : public AgentAPI {
   OutboxResponse getOutbox() override;
   void ackOutbox(const std::string& id, const OutboxAck& ack) override;
   SelfMessageResponse postSelf(const SelfMessageRequest& request) override;
+  PairResponse pair(const PairRequest& request) override;
+  void postStatus(const AgentStatusRequest& request) override;
 
   // Every message uploaded so far, in order.
   std::vector<SyncedMessage> uploadedMessages() const;
