@@ -38,6 +38,7 @@
 #include "core/protocol/wire_types.h"
 #include "core/send/message_sender.h"
 #include "core/sync/state_store.h"
+#include "core/sync/sync_engine.h"
 #include "core/sync/sync_logger.h"
 
 namespace corvane {
@@ -137,6 +138,7 @@ class AppModel {
     std::string chatDBPath;
     std::filesystem::path stateDir;  // holds "state.json"
     std::filesystem::path homeDirectory;
+    std::filesystem::path executablePath;  // revealed and relaunched outside a bundle
     std::optional<std::string> region{};
     std::string appVersion;
     std::string osVersion;
@@ -259,19 +261,20 @@ class AppModel {
 
   std::shared_ptr<StateStore> storeForAccount();
   void loadState();
-  void startPairing(const std::string& code, const std::string& server);
+  void mirrorUpdater();
+  // The probes without the status report that refreshPermissions adds.
+  void refreshProbes();
   void paired(const std::string& server, const PairResponse& response);
-  void pairingFailed(const std::exception& error);
-  std::string resolvedServer(const std::optional<std::string>& linkServer) const;
   bool stepSatisfied(SetupStep step) const;
   bool moveApplies() const;
+  std::filesystem::path applicationPath() const;
+  std::optional<std::string> region() const;
   AgentStatusRequest statusRequest() const;
-  void contactsChanged();
 
   // The sync loop.
   void loopStep();
   void runCycle();
-  void cycleFinished(std::uint64_t generation, std::optional<std::int64_t> pollSec,
+  void cycleFinished(std::uint64_t generation, std::optional<CycleResult> result,
                      std::exception_ptr failure);
   int napAfterFailure(const std::exception& error);
   void nap(double seconds);
@@ -288,7 +291,7 @@ class AppModel {
   std::shared_ptr<StateStore> store_;  // this account's; replaced when pairing
   std::shared_ptr<ContactsCache> contactsCache_;
   MainScheduler::TimerId tickTimer_ = 0, napTimer_ = 0, permissionPoll_ = 0;
-  std::vector<MainScheduler::TimerId> delays_;
+  std::vector<MainScheduler::TimerId> delays_;  // one-shot waits to cancel at shutdown
   std::optional<AgentStatusRequest> lastStatusSent_;
   std::optional<std::int64_t> lastStatusAt_;
   std::optional<std::vector<std::string>> ownHandles_;

@@ -73,4 +73,55 @@ std::string isoString(std::int64_t ms) {
   return buf;
 }
 
+namespace {
+
+// Days from 1970-01-01 to the civil date (Howard Hinnant's days_from_civil).
+std::int64_t daysFromCivil(std::int64_t y, int m, int d) {
+  y -= m <= 2 ? 1 : 0;
+  const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
+  const std::int64_t yoe = y - era * 400;
+  const std::int64_t doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+  const std::int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + doe - 719468;
+}
+
+std::optional<int> digitsAt(std::string_view s, std::size_t at, std::size_t count) {
+  if (at + count > s.size()) return std::nullopt;
+  int value = 0;
+  for (std::size_t i = at; i < at + count; ++i) {
+    if (s[i] < '0' || s[i] > '9') return std::nullopt;
+    value = value * 10 + (s[i] - '0');
+  }
+  return value;
+}
+
+}  // namespace
+
+std::optional<std::int64_t> parseIsoString(std::string_view s) {
+  const auto year = digitsAt(s, 0, 4), month = digitsAt(s, 5, 2), day = digitsAt(s, 8, 2),
+             hour = digitsAt(s, 11, 2), minute = digitsAt(s, 14, 2), second = digitsAt(s, 17, 2);
+  if (!year || !month || !day || !hour || !minute || !second || s[4] != '-' || s[7] != '-' ||
+      s[10] != 'T' || s[13] != ':' || s[16] != ':') {
+    return std::nullopt;
+  }
+  int millis = 0;
+  std::size_t end = 19;
+  if (s.size() > end && s[end] == '.') {
+    const auto fraction = digitsAt(s, end + 1, 3);
+    if (!fraction) return std::nullopt;
+    millis = *fraction;
+    end += 4;
+  }
+  if (s.size() != end + 1 || s[end] != 'Z') return std::nullopt;
+  static constexpr int kMonthDays[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  const bool leap = (*year % 4 == 0 && *year % 100 != 0) || *year % 400 == 0;
+  if (*month < 1 || *month > 12 || *day < 1 || *day > kMonthDays[*month - 1] ||
+      (*month == 2 && *day == 29 && !leap) || *hour > 23 || *minute > 59 || *second > 59) {
+    return std::nullopt;
+  }
+  const std::int64_t seconds =
+      daysFromCivil(*year, *month, *day) * 86400 + *hour * 3600 + *minute * 60 + *second;
+  return seconds * 1000 + millis;
+}
+
 }  // namespace corvane

@@ -70,3 +70,26 @@ TEST(NowMsTest, FollowsTheSystemClock) {
 
 }  // namespace
 }  // namespace corvane
+
+namespace corvane {
+namespace {
+
+TEST(ParseIsoStringTest, ReadsBackWhatIsoStringWrites) {
+  for (const std::int64_t ms : {0LL, 1LL, -1LL, 951782400123LL /* 2000-02-29 */, 1700000000999LL,
+                                -62167219200000LL, 253402300799999LL}) {
+    EXPECT_EQ(parseIsoString(isoString(ms)), ms) << isoString(ms);
+  }
+  EXPECT_EQ(parseIsoString("2024-05-01T12:00:00Z"), 1714564800000);
+}
+
+TEST(ParseIsoStringTest, RefusesTextThatIsNoSuchTime) {
+  for (const char* text : {"", "2024-05-01", "2024-05-01T12:00:00", "2024-05-01T12:00:00.1Z",
+                           "2024-05-01 12:00:00Z", "2023-02-29T00:00:00Z", "1900-02-29T00:00:00Z",
+                           "2024-13-01T00:00:00Z", "2024-04-31T00:00:00Z", "2024-05-01T24:00:00Z",
+                           "2024-05-01T12:00:00.000Zx", "+024-05-01T12:00:00Z"}) {
+    EXPECT_EQ(parseIsoString(text), std::nullopt) << text;
+  }
+}
+
+}  // namespace
+}  // namespace corvane
