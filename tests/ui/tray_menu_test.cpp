@@ -1,0 +1,211 @@
+#include "app/ui/tray_menu.h"
+
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QMenu>
+#include <QSystemTrayIcon>
+#include <QTest>
+
+#include "tests/ui/app_model_fixture.h"
+
+namespace corvane {
+namespace {
+
+QIcon plainIcon() {
+  QPixmap pixmap(16, 16);
+  pixmap.fill(Qt::black);
+  return QIcon(pixmap);
+}
+
+class TrayMenuTest : public ::testing::Test {
+ protected:
+  testing::ModelStandIns env;
+  int setupShown = 0, quits = 0;
+  std::unique_ptr<TrayMenu> tray;
+
+  TrayMenu& make(AppModel& model) {
+    tray = std::make_unique<TrayMenu>(model, plainIcon(),
+                                      TrayMenu::Actions{[this] { ++setupShown; }, [this] { ++quits; }});
+    return *tray;
+  }
+  QAction* item(const char* name) {
+    auto* action = tray->menu()->findChild<QAction*>(QString::fromLatin1(name));
+    EXPECT_NE(action, nullptr) << name;
+    return action;
+  }
+  // The items a user sees, top to bottom; disabled ones marked.
+  std::vector<std::string> visibleItems() {
+    std::vector<std::string> items;
+    for (QAction* action : tray->menu()->actions()) {
+      if (action->isSeparator() || !action->isVisible()) continue;
+      items.push_back((action->isEnabled() ? "" : "(off) ") + action->text().toStdString());
+    }
+    return items;
+  }
+  // Opens the menu and clicks `name` with the mouse.
+  void choose(const char* name) {
+    QMenu* menu = tray->menu();
+    menu->popup(QPoint(0, 0));
+    QAction* action = item(name);
+    ASSERT_TRUE(action->isVisible() && action->isEnabled()) << name;
+    QTest::mouseClick(menu, Qt::LeftButton, {}, menu->actionGeometry(action).center());
+    menu->hide();
+  }
+};
+
+AppModel::Published syncing() {
+  AppModel::Published p;
+  p.connected = true;
+  p.userName = "Alex Rivera";
+  p.fullDiskAccess = true;
+  p.rosterCount = 12;
+  p.now = 1'700'000'600'000;
+  p.lastSyncAt = p.now - 5 * 60'000;
+  return p;
+}
+
+TEST_F(TrayMenuTest, ItemsInEachState) {
+  struct Case {
+    const char* name;
+    std::function<AppModel::Published()> state;
+    bool setupCompleted;
+    std::vector<std::string> items;
+  };
+  const Case cases[] = {
+      {"not connected", [] { return AppModel::Published{}; }, false,
+       {"(off) Not connected", "Pause syncing", "Sync now", "Finish setup\u2026",
+        "(off) Check for Updates\u2026", "Quit Corvane"}},
+      {"needs permission",
+       [] {
+         auto p = syncing();
+         p.fullDiskAccess = false;
+         return p;
+       },
+       false,
+       {"(off) Needs permission", "(off) Connected as Alex Rivera", "Pause syncing", "Sync now",
+        "Finish setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
+      {"paused",
+       [] {
+         auto p = syncing();
+         p.paused = true;
+         return p;
+       },
+       true,
+       {"(off) Paused", "(off) Connected as Alex Rivera", "Resume syncing", "Sync now",
+        "Setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
+      {"error",
+       [] {
+         auto p = syncing();
+         p.phase = SyncPhase::error("Can't reach Corvane \u2014 retrying");
+         p.canCheckForUpdates = true;
+         return p;
+       },
+       true,
+       {"(off) Can't reach Corvane \u2014 retrying", "(off) Connected as Alex Rivera",
+        "Pause syncing", "Sync now", "Setup\u2026", "Check for Updates\u2026", "Quit Corvane"}},
+      {"update offered",
+       [] {
+         auto p = syncing();
+         p.phase = SyncPhase::error("Sync problem \u2014 retrying");
+         p.availableVersion = "1.4.0";
+         p.canCheckForUpdates = true;
+         return p;
+       },
+       true,
+       {"(off) Sync problem \u2014 retrying", "(off) Connected as Alex Rivera", "Pause syncing",
+        "Sync now", "Setup\u2026", "Update available: Corvane 1.4.0", "Check for Updates\u2026",
+        "Quit Corvane"}},
+      {"connected, no name yet",
+       [] {
+         auto p = syncing();
+         p.userName.reset();
+         p.phase = SyncPhase::error("This Mac was disconnected from your account.");
+         return p;
+       },
+       true,
+       {"(off) This Mac was disconnected from your account.", "Pause syncing", "Sync now",
+        "Setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
+  };
+  AppModel& model = env.start(false, true);
+  make(model);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    env.defaults.setBool(DefaultsKey::setupCompleted, c.setupCompleted);
+    model.setPreview(c.state());
+    EXPECT_EQ(visibleItems(), c.items);
+  }
+}
+
+TEST_F(TrayMenuTest, StatusLineCountsTheRosterAndTellsTheLastSync) {
+  AppModel& model = env.start(false, true);
+  make(model);
+  model.setPreview(syncing());
+  const std::string status = item("status")->text().toStdString();
+  EXPECT_EQ(status.rfind("Syncing 12 people \u00B7 last sync ", 0), 0u) << status;
+  EXPECT_GT(status.size(), std::string("Syncing 12 people \u00B7 last sync ").size());
+}
+
+TEST_F(TrayMenuTest, TextsAreReadAgainWhenTheMenuOpens) {
+  AppModel& model = env.start(false, true);
+  make(model);
+  EXPECT_EQ(item("setup")->text(), "Finish setup\u2026");
+  // Written by another part of the application without a model change.
+  env.defaults.setBool(DefaultsKey::setupCompleted, true);
+  tray->menu()->popup(QPoint(0, 0));
+  EXPECT_EQ(item("setup")->text(), "Setup\u2026");
+  tray->menu()->hide();
+}
+
+TEST_F(TrayMenuTest, TheTrayHoldsTheMenuItShows) {
+  AppModel& model = env.start(false, true);
+  make(model);
+  EXPECT_EQ(tray->trayIcon()->contextMenu(), tray->menu());
+  model.setPreview(syncing());
+  EXPECT_EQ(tray->trayIcon()->contextMenu(), tray->menu());
+}
+
+TEST_F(TrayMenuTest, PauseResumeAndSyncNowDriveTheLoop) {
+  AppModel& model = env.start(true);
+  make(model);
+  // The fixture starts the model paused.
+  EXPECT_EQ(item("status")->text(), "Paused");
+  choose("pause");
+  EXPECT_FALSE(model.published().paused);
+  EXPECT_EQ(item("pause")->text(), "Pause syncing");
+  // Resuming started a cycle; let it end (the chat database is missing here).
+  ASSERT_EQ(env.worker.pending(), 1u);
+  env.settle();
+  ASSERT_NE(model.published().phase.kind, SyncPhase::Kind::syncing);
+  EXPECT_EQ(item("status")->text().toStdString(), model.published().phase.text);
+
+  choose("syncNow");
+  EXPECT_EQ(model.published().phase.kind, SyncPhase::Kind::syncing);
+  EXPECT_EQ(env.worker.pending(), 1u);
+
+  choose("pause");
+  EXPECT_TRUE(model.published().paused);
+  EXPECT_EQ(item("pause")->text(), "Resume syncing");
+}
+
+TEST_F(TrayMenuTest, SetupAndQuitCallTheApplication) {
+  AppModel& model = env.start(false, true);
+  make(model);
+  choose("setup");
+  EXPECT_EQ(setupShown, 1);
+  choose("quit");
+  EXPECT_EQ(quits, 1);
+}
+
+TEST_F(TrayMenuTest, RendersTheMenuAsItOpens) {
+  AppModel& model = env.start(false, true);
+  make(model);
+  model.setPreview(syncing());
+  const QImage image = tray->render();
+  ASSERT_FALSE(image.isNull());
+  EXPECT_GE(image.width(), tray->menu()->sizeHint().width());
+  EXPECT_GE(image.height(), 6 * 18);
+}
+
+}  // namespace
+}  // namespace corvane

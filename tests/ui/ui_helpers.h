@@ -1,0 +1,48 @@
+// Finding and using widgets the way a user would: by object name, only when
+// they are shown, with real mouse clicks and key presses.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <QAbstractButton>
+#include <QLabel>
+#include <QTest>
+#include <QWidget>
+
+namespace corvane::testing {
+
+inline QWidget* child(QWidget& root, const char* name) {
+  auto* w = root.findChild<QWidget*>(QString::fromLatin1(name));
+  EXPECT_NE(w, nullptr) << "no widget named " << name;
+  return w;
+}
+
+// Shown on screen when `root` is.
+inline bool shown(QWidget& root, const char* name) {
+  QWidget* w = child(root, name);
+  return w != nullptr && w->isVisibleTo(&root);
+}
+
+inline std::string text(QWidget& root, const char* name) {
+  QWidget* w = child(root, name);
+  if (auto* label = qobject_cast<QLabel*>(w)) return label->text().toStdString();
+  if (auto* button = qobject_cast<QAbstractButton*>(w)) return button->text().toStdString();
+  ADD_FAILURE() << name << " shows no text";
+  return {};
+}
+
+inline bool enabled(QWidget& root, const char* name) {
+  QWidget* w = child(root, name);
+  return w != nullptr && w->isEnabled();
+}
+
+// Clicks the control like a user: it must be shown and enabled.
+inline void click(QWidget& root, const char* name) {
+  auto* button = qobject_cast<QAbstractButton*>(child(root, name));
+  ASSERT_NE(button, nullptr) << name << " is not a button";
+  ASSERT_TRUE(button->isVisibleTo(&root)) << name << " is hidden";
+  ASSERT_TRUE(button->isEnabled()) << name << " is disabled";
+  QTest::mouseClick(button, Qt::LeftButton);
+}
+
+}  // namespace corvane::testing
