@@ -1,6 +1,9 @@
 #include "app/ui/setup_window.h"
 
+#include <algorithm>
+
 #include <QCheckBox>
+#include <QFontMetrics>
 #include <QDesktopServices>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -26,7 +29,7 @@ const char* const windowStyle = R"(
 corvane--SetupWindow { background: #ffffff; }
 QLabel { color: #1d1d1f; font-size: 14px; }
 QLabel[role="caption"] { color: #2b6ce6; font-size: 12px; font-weight: 600; letter-spacing: 1px; }
-QLabel[role="title"] { font-size: 23px; font-weight: 600; }
+QLabel[role="title"] { font-size: 22px; font-weight: 600; }
 QLabel[role="body"] { color: #5b5c63; font-size: 14px; }
 QLabel[role="note"] { color: #6e6f76; font-size: 13px; }
 QLabel[role="fieldLabel"] { color: #5b5c63; font-size: 12px; font-weight: 600; }
@@ -61,7 +64,10 @@ QLineEdit {
 QLineEdit:focus { border: 2px solid #2b6ce6; padding: 6px 9px; }
 QFrame[role="card"] { background: #f6f7f9; border: 1px solid #e4e5ea; border-radius: 12px; }
 QFrame[role="card"] QLabel { background: transparent; }
-QCheckBox { font-size: 14px; spacing: 10px; color: #1d1d1f; }
+QLabel[role="instruction"] {
+  background: #f6f7f9; border: 1px solid #e4e5ea; border-radius: 10px; padding: 12px 16px;
+}
+QCheckBox { font-size: 14px; color: #1d1d1f; }
 )";
 
 // "**word**" shown in bold; the rest as plain text.
@@ -117,6 +123,7 @@ QPushButton* makeButton(const char* name, const char* role, const QString& text,
 // A row of widgets centred horizontally.
 QWidget* centredRow(QWidget* parent, std::initializer_list<QWidget*> widgets, int spacing = 10) {
   auto* row = new QWidget(parent);
+  row->setProperty("row", true);
   auto* layout = new QHBoxLayout(row);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(spacing);
@@ -137,12 +144,24 @@ QWidget* grantedRow(const char* name, const QString& text, QWidget* parent) {
   return centredRow(parent, {new SymbolView(Symbol::checkmarkCircle, green, 22), label}, 8);
 }
 
+// Shows or hides a control; a centred row goes with it, so that an empty
+// row leaves no gap.
+void showControl(QWidget* control, bool visible) {
+  control->setVisible(visible);
+  QWidget* row = control->parentWidget();
+  if (row == nullptr || !row->property("row").toBool()) return;
+  bool any = false;
+  for (QWidget* w : row->findChildren<QWidget*>(QString(), Qt::FindDirectChildrenOnly)) {
+    any = any || !w->isHidden();
+  }
+  row->setVisible(any);
+}
+
 QWidget* makePage(QStackedWidget* stack) {
   auto* page = new QWidget(stack);
   auto* layout = new QVBoxLayout(page);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(10);
-  layout->setAlignment(Qt::AlignTop);
   stack->addWidget(page);
   return page;
 }
@@ -150,14 +169,55 @@ QWidget* makePage(QStackedWidget* stack) {
 QVBoxLayout* column(QWidget* page) { return static_cast<QVBoxLayout*>(page->layout()); }
 
 QIcon chevronIcon() {
-  constexpr int side = 20;
+  constexpr int side = 22;
   QPixmap pixmap(side * 2, side * 2);
   pixmap.setDevicePixelRatio(2);
   pixmap.fill(Qt::transparent);
   QPainter painter(&pixmap);
-  paintSymbol(painter, Symbol::chevronLeft, QRectF(3, 3, side - 6, side - 6), QColor(0x4a, 0x4b, 0x52));
+  paintSymbol(painter, Symbol::chevronLeft, QRectF(2, 2, side - 4, side - 4),
+              QColor(0x4a, 0x4b, 0x52));
   return QIcon(pixmap);
 }
+
+// An on/off switch with its label to the right: a check box drawn as the
+// switch people know from system settings.
+class ToggleSwitch : public QCheckBox {
+ public:
+  ToggleSwitch(const QString& text, QWidget* parent) : QCheckBox(text, parent) {}
+
+  QSize sizeHint() const override {
+    const QFontMetrics metrics(font());
+    return {trackWidth + gap + metrics.horizontalAdvance(text()) + 2,
+            std::max(trackHeight + 4, metrics.height() + 4)};
+  }
+
+ protected:
+  bool hitButton(const QPoint& pos) const override { return rect().contains(pos); }
+
+  void paintEvent(QPaintEvent*) override {
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QRectF track(1, (height() - trackHeight) / 2.0, trackWidth, trackHeight);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(isChecked() ? (isEnabled() ? accent : QColor(0xa9, 0xc3, 0xf3))
+                                 : QColor(0xd3, 0xd4, 0xd9));
+    painter.drawRoundedRect(track, trackHeight / 2.0, trackHeight / 2.0);
+    const qreal knob = trackHeight - 4;
+    const qreal knobX = isChecked() ? track.right() - knob - 2 : track.left() + 2;
+    painter.setBrush(QColor(0, 0, 0, 30));
+    painter.drawEllipse(QRectF(knobX, track.top() + 2.5, knob, knob));
+    painter.setBrush(Qt::white);
+    painter.drawEllipse(QRectF(knobX, track.top() + 2, knob, knob));
+    painter.setPen(palette().color(QPalette::WindowText));
+    painter.drawText(QRectF(trackWidth + gap, 0, width() - trackWidth - gap, height()),
+                     Qt::AlignVCenter | Qt::AlignLeft, text());
+  }
+
+ private:
+  static constexpr int trackWidth = 38;
+  static constexpr int trackHeight = 22;
+  static constexpr int gap = 10;
+};
 
 }  // namespace
 
@@ -211,13 +271,13 @@ SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
   setStyleSheet(QString::fromUtf8(windowStyle));
 
   auto* root = new QVBoxLayout(this);
-  root->setContentsMargins(44, 14, 44, 22);
+  root->setContentsMargins(40, 14, 40, 22);
   root->setSpacing(0);
 
   back_ = new QToolButton(this);
   back_->setObjectName(QStringLiteral("back"));
   back_->setIcon(chevronIcon());
-  back_->setIconSize(QSize(20, 20));
+  back_->setIconSize(QSize(22, 22));
   back_->setToolTip(QStringLiteral("Back"));
   back_->setAccessibleName(QStringLiteral("Back"));
   back_->setCursor(Qt::PointingHandCursor);
@@ -231,9 +291,9 @@ SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
   backLayout->addStretch();
   back_->setParent(backRow);
   root->addWidget(backRow);
-  root->addSpacing(6);
+  root->addSpacing(18);
 
-  symbol_ = new SymbolView(Symbol::arrowDownCircle, accent, 68, this);
+  symbol_ = new SymbolView(Symbol::arrowDownCircle, accent, 72, this);
   symbol_->setObjectName(QStringLiteral("stepSymbol"));
   root->addWidget(symbol_, 0, Qt::AlignHCenter);
   root->addSpacing(16);
@@ -248,7 +308,7 @@ SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
   root->addWidget(title_);
   root->addSpacing(10);
   body_ = makeLabel("stepBody", "body", this);
-  body_->setContentsMargins(20, 0, 20, 0);
+  body_->setContentsMargins(6, 0, 6, 0);
   root->addWidget(body_);
   root->addSpacing(24);
 
@@ -283,6 +343,7 @@ QWidget* SetupWindow::buildMovePage() {
   column(page)->addWidget(centredRow(page, {notNow}));
   column(page)->addSpacing(6);
   column(page)->addWidget(moveError_);
+  column(page)->addStretch(1);
   return page;
 }
 
@@ -372,19 +433,19 @@ QWidget* SetupWindow::buildConnectPage() {
           [this] { model_.advance(SetupStep::connect); });
   column(page)->addSpacing(8);
   column(page)->addWidget(centredRow(page, {connectContinue_}));
+  column(page)->addStretch(1);
   return page;
 }
 
 QWidget* SetupWindow::buildFullDiskPage() {
   QWidget* page = makePage(pages_);
   fullDiskInstruction_ = makeRichLabel(
-      "fullDiskInstruction", "",
+      "fullDiskInstruction", "instruction",
       "Turn on **Corvane** in the list. Don't see it? Click **+**, and pick Corvane from "
       "Applications.",
       page);
-  fullDiskInstruction_->setContentsMargins(30, 0, 30, 0);
   column(page)->addWidget(fullDiskInstruction_);
-  column(page)->addSpacing(6);
+  column(page)->addSpacing(8);
 
   fullDiskActions_ = new QWidget(page);
   auto* actions = new QVBoxLayout(fullDiskActions_);
@@ -414,6 +475,7 @@ QWidget* SetupWindow::buildFullDiskPage() {
           [this] { model_.advance(SetupStep::fullDisk); });
   column(page)->addSpacing(8);
   column(page)->addWidget(centredRow(page, {fullDiskContinue_}));
+  column(page)->addStretch(1);
   return page;
 }
 
@@ -463,6 +525,7 @@ QWidget* SetupWindow::buildAutomationPage() {
   connect(skipAutomation_, &QPushButton::clicked, this,
           [this] { model_.skip(SetupStep::automation); });
   column(page)->addWidget(centredRow(page, {skipAutomation_}));
+  column(page)->addStretch(1);
   return page;
 }
 
@@ -506,12 +569,13 @@ QWidget* SetupWindow::buildContactsPage() {
   skipContacts_ = makeButton("skipContacts", "link", QStringLiteral("Skip for now"), page);
   connect(skipContacts_, &QPushButton::clicked, this, [this] { model_.skip(SetupStep::contacts); });
   column(page)->addWidget(centredRow(page, {skipContacts_}));
+  column(page)->addStretch(1);
   return page;
 }
 
 QWidget* SetupWindow::buildDonePage() {
   QWidget* page = makePage(pages_);
-  launchAtLogin_ = new QCheckBox(QStringLiteral("Launch Corvane when I log in"), page);
+  launchAtLogin_ = new ToggleSwitch(QStringLiteral("Launch Corvane when I log in"), page);
   launchAtLogin_->setObjectName(QStringLiteral("launchAtLogin"));
   launchAtLogin_->setCursor(Qt::PointingHandCursor);
   connect(launchAtLogin_, &QCheckBox::toggled, this, [this](bool on) { model_.setLaunchAtLogin(on); });
@@ -532,6 +596,7 @@ QWidget* SetupWindow::buildDonePage() {
     if (close_) close_();
   });
   column(page)->addWidget(centredRow(page, {open, done}));
+  column(page)->addStretch(1);
   return page;
 }
 
@@ -604,7 +669,7 @@ void SetupWindow::renderConnect(const AppModel::Published& p) {
 
   const bool showConnected = p.connected && !pending;
   connectedRow_->setVisible(showConnected);
-  connectContinue_->setVisible(showConnected);
+  showControl(connectContinue_, showConnected);
   if (p.userName) {
     connectedAs_->setText(QStringLiteral("Connected as ") + q(*p.userName));
   } else {
@@ -627,32 +692,32 @@ void SetupWindow::renderFullDisk(const AppModel::Published& p) {
   fullDiskActions_->setVisible(!p.fullDiskAccess);
   fullDiskWaiting_->setVisible(p.openedFullDiskSettingsAt.has_value());
   fullDiskGrantedRow_->setVisible(p.fullDiskAccess);
-  fullDiskContinue_->setVisible(p.fullDiskAccess);
+  showControl(fullDiskContinue_, p.fullDiskAccess);
 }
 
 void SetupWindow::renderAutomation(const AppModel::Published& p) {
   const bool granted = p.automation == PermissionState::granted;
   const bool denied = p.automation == PermissionState::denied;
-  allowSending_->setVisible(!granted && !denied);
+  showControl(allowSending_, !granted && !denied);
   allowSending_->setEnabled(!p.automationBusy);
   automationBusy_->setVisible(p.automationBusy);
   automationDeniedBox_->setVisible(denied);
   automationMessage_->setVisible(!granted && p.automationMessage.has_value());
   automationMessage_->setText(p.automationMessage ? q(*p.automationMessage) : QString());
   automationGrantedRow_->setVisible(granted);
-  automationContinue_->setVisible(granted);
-  skipAutomation_->setVisible(!granted);
+  showControl(automationContinue_, granted);
+  showControl(skipAutomation_, !granted);
 }
 
 void SetupWindow::renderContacts(const AppModel::Published& p) {
   const bool undecided = p.contacts == PermissionState::unknown;
-  allowContacts_->setVisible(undecided);
+  showControl(allowContacts_, undecided);
   allowContacts_->setEnabled(!p.contactsBusy);
   contactsBusy_->setVisible(p.contactsBusy);
   contactsGrantedRow_->setVisible(p.contacts == PermissionState::granted);
   contactsDeniedBox_->setVisible(p.contacts == PermissionState::denied);
-  contactsContinue_->setVisible(!undecided);
-  skipContacts_->setVisible(undecided);
+  showControl(contactsContinue_, !undecided);
+  showControl(skipContacts_, undecided);
 }
 
 void SetupWindow::renderDone(const AppModel::Published& p) {

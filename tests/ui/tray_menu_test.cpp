@@ -168,6 +168,7 @@ TEST_F(TrayMenuTest, TheTrayHoldsTheMenuItShows) {
 TEST_F(TrayMenuTest, PauseResumeAndSyncNowDriveTheLoop) {
   AppModel& model = env.start(true);
   make(model);
+  env.settle();  // the first status report and own-handles check
   // The fixture starts the model paused.
   EXPECT_EQ(item("status")->text(), "Paused");
   choose("pause");
