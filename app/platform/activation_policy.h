@@ -3,6 +3,8 @@
 // other systems' implementation does nothing. Main thread only.
 #pragma once
 
+#include <memory>
+
 namespace corvane {
 
 class ActivationPolicy {
@@ -14,6 +16,16 @@ class ActivationPolicy {
 
   virtual void setRegular() = 0;
   virtual void setAccessory() = 0;
+
+  // This system's policy: NSApp's on macOS, a NoActivationPolicy elsewhere.
+  static std::unique_ptr<ActivationPolicy> makeDefault();
+};
+
+// For systems without a Dock, and for screenshots.
+class NoActivationPolicy final : public ActivationPolicy {
+ public:
+  void setRegular() override {}
+  void setAccessory() override {}
 };
 
 }  // namespace corvane

@@ -26,6 +26,9 @@ class LoginItem {
   // Each returns absent on success, else the failure as a finished sentence.
   virtual std::optional<std::string> registerItem() = 0;
   virtual std::optional<std::string> unregisterItem() = 0;
+
+  // This system's login item for the running application.
+  static std::unique_ptr<LoginItem> makeDefault();
 };
 
 }  // namespace corvane

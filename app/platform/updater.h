@@ -62,6 +62,12 @@ class Updater {
   // ".app" bundle with a non-empty feed URL.
   static bool shouldStart(const std::string& bundlePath, const std::string& feedURL);
 
+  // This build's updater: with the framework's controller on macOS when the
+  // application runs from a bundle and was built with a feed; without one
+  // everywhere else.
+  static std::unique_ptr<Updater> makeDefault(ActivationPolicy& policy,
+                                              std::function<bool()> setupWindowVisible);
+
  private:
   void changed();
 
