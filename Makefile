@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build test demo bench fuzz test-sanitize clean
+.PHONY: all deps configure build test demo screenshots bench fuzz test-sanitize clean
 
 all: build
 
@@ -22,6 +22,12 @@ test: deps build
 # Runs the agent end to end against a local development server.
 demo: deps build
 	BUILD_DIR=$(BUILD_DIR) scripts/demo
+
+# The setup window's screens and the menu, rendered offscreen into
+# docs/screenshots/ (the README shows them).
+screenshots: deps configure
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target Corvane
+	QT_QPA_PLATFORM=offscreen $(BUILD_DIR)/Corvane --snapshot-setup docs/screenshots
 
 # Benchmarks: their own optimised build (RelWithDebInfo, the shipped
 # optimisation with symbols for perf) and databases cached under build/.
