@@ -11,6 +11,8 @@
 
 #include "app/headless/command_line.h"
 #include "app/headless/headless_runner.h"
+#include "app/ui/app_icon.h"
+#include "app/ui/application.h"
 #include "core/contacts/phone.h"
 
 namespace {
@@ -53,13 +55,13 @@ int runHeadless(const corvane::CommandLine& args) {
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   const corvane::CommandLine args(argc, argv);
-  if (args.value("--render-icon")) {
-    std::fputs("render failed: not available in this build\n", stderr);
-    return 1;
+  if (const auto out = args.value("--render-icon")) {
+    if (const auto failure = corvane::AppIcon::renderToFile(*out, args.value("--size"))) {
+      std::fprintf(stderr, "render failed: %s\n", failure->c_str());
+      return 1;
+    }
+    return 0;
   }
   if (args.flag("--headless")) return runHeadless(args);
-  std::fputs("The menu-bar application is not part of this build; run with --headless.\n\n", stderr);
-  std::fputs(corvane::kUsageText, stderr);
-  std::fputs("\n", stderr);
-  return 64;
+  return corvane::runApplication(argc, argv);
 }

@@ -1,0 +1,15 @@
+// The menu-bar icon outside macOS: panels may be light or dark and nothing
+// tints a template image there, so the coloured icon is the one that reads.
+#include "app/ui/app_icon.h"
+
+#include <QPixmap>
+
+namespace corvane::AppIcon {
+
+QIcon trayIcon() {
+  QIcon icon;
+  for (const int size : {16, 22, 24, 32, 48, 64}) icon.addPixmap(QPixmap::fromImage(draw(size)));
+  return icon;
+}
+
+}  // namespace corvane::AppIcon

@@ -1,0 +1,173 @@
+// The desktop entry that routes "corvane://" links: the Exec line must give
+// back the executable's path exactly as a launcher reads it (escapes of a
+// string value first, then the quoting rules, then the field codes), and
+// install() rewrites the file only when its text changes.
+#include "app/ui/desktop_entry.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+using ::testing::HasSubstr;
+namespace fs = std::filesystem;
+
+// A launcher's reading of an Exec value: the argument vector, with "%%" as
+// "%" and the field code "%u" left in place.
+std::vector<std::string> launcherArguments(const std::string& value) {
+  std::string unescaped;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    if (value[i] == '\\' && i + 1 < value.size()) {
+      const char next = value[++i];
+      unescaped += next == 's' ? ' ' : next == 'n' ? '\n' : next == 't' ? '\t' : next;
+    } else {
+      unescaped += value[i];
+    }
+  }
+  // Launchers expand "%%" (and the field codes) before undoing the quoting.
+  std::string expanded;
+  for (std::size_t i = 0; i < unescaped.size(); ++i) {
+    expanded += unescaped[i];
+    if (unescaped[i] == '%' && i + 1 < unescaped.size() && unescaped[i + 1] == '%') ++i;
+  }
+  unescaped = expanded;
+  std::vector<std::string> args;
+  std::string current;
+  bool inArgument = false;
+  for (std::size_t i = 0; i < unescaped.size(); ++i) {
+    const char c = unescaped[i];
+    if (c == '"') {
+      inArgument = true;
+      for (++i; i < unescaped.size() && unescaped[i] != '"'; ++i) {
+        if (unescaped[i] == '\\' && i + 1 < unescaped.size()) ++i;
+        current += unescaped[i];
+      }
+    } else if (c == ' ') {
+      if (inArgument) args.push_back(current);
+      current.clear();
+      inArgument = false;
+    } else {
+      current += c;
+      inArgument = true;
+    }
+  }
+  if (inArgument) args.push_back(current);
+  return args;
+}
+
+std::string execValue(const std::string& entry) {
+  std::istringstream lines(entry);
+  std::string line;
+  while (std::getline(lines, line)) {
+    if (line.starts_with("Exec=")) return line.substr(5);
+  }
+  return {};
+}
+
+TEST(DesktopEntryTest, TheExecLineGivesBackAnyPathAndTheLinkPlaceholder) {
+  const char* paths[] = {
+      "/usr/bin/Corvane",
+      "/opt/My Apps/Corvane",
+      "/home/a/it's/Corvane",
+      "/home/a/\"quoted\"/Corvane",
+      "/home/a/back\\slash/Corvane",
+      "/home/a/$HOME/`id`/Corvane",
+      "/home/a/100%/Corvane",
+      "/opt/My Apps/100%/Corvane",
+      "/home/a/%u/Corvane",
+      "/home/a/semi;colon/a=b/Corvane",
+      "/home/ä/日本/Corvane",
+  };
+  for (const char* path : paths) {
+    const auto entry = DesktopEntry::text(path);
+    ASSERT_TRUE(entry) << path;
+    EXPECT_EQ(launcherArguments(execValue(*entry)), (std::vector<std::string>{path, "%u"}))
+        << execValue(*entry);
+  }
+}
+
+TEST(DesktopEntryTest, APlainPathStaysUnquoted) {
+  EXPECT_EQ(DesktopEntry::quoteExecArgument("/usr/bin/Corvane"), "/usr/bin/Corvane");
+  EXPECT_EQ(DesktopEntry::quoteExecArgument("/opt/a b/Corvane"), "\"/opt/a b/Corvane\"");
+}
+
+TEST(DesktopEntryTest, DeclaresTheLinkSchemeAndRefusesPathsWithLineBreaks) {
+  const auto entry = DesktopEntry::text("/usr/bin/Corvane");
+  ASSERT_TRUE(entry);
+  EXPECT_THAT(*entry, HasSubstr("\nMimeType=x-scheme-handler/corvane;\n"));
+  EXPECT_THAT(*entry, HasSubstr("\nExec=/usr/bin/Corvane %u\n"));
+  EXPECT_TRUE(entry->starts_with("[Desktop Entry]\n"));
+  EXPECT_THAT(*entry, HasSubstr("\nType=Application\n"));
+
+  EXPECT_FALSE(DesktopEntry::text("/tmp/two\nlines/Corvane"));
+  EXPECT_FALSE(DesktopEntry::text("/tmp/car\rriage/Corvane"));
+}
+
+TEST(DesktopEntryTest, ApplicationsFolderFollowsXdgDataHome) {
+  struct Case {
+    std::map<std::string, std::string> env;
+    fs::path expected;
+  };
+  const Case cases[] = {
+      {{{"HOME", "/home/a"}, {"XDG_DATA_HOME", "/data"}}, "/data/applications"},
+      {{{"HOME", "/home/a"}, {"XDG_DATA_HOME", "relative/data"}},
+       "/home/a/.local/share/applications"},
+      {{{"HOME", "/home/a"}, {"XDG_DATA_HOME", ""}}, "/home/a/.local/share/applications"},
+      {{{"HOME", "/home/a"}}, "/home/a/.local/share/applications"},
+  };
+  for (const Case& c : cases) {
+    const auto getenv = [&](const char* name) -> const char* {
+      const auto found = c.env.find(name);
+      return found == c.env.end() ? nullptr : found->second.c_str();
+    };
+    EXPECT_EQ(DesktopEntry::applicationsDirectory(getenv), c.expected);
+  }
+}
+
+TEST(DesktopEntryTest, InstallWritesOnlyWhenTheTextChanges) {
+  testing::TempDir temp;
+  const fs::path folder = fs::path(temp.path()) / "share" / "applications";
+  const fs::path file = folder / "corvane.desktop";
+
+  auto result = DesktopEntry::install(folder, "first\n");
+  EXPECT_TRUE(result.written);
+  EXPECT_FALSE(result.error);
+  std::ifstream in(file);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "first\n");
+
+  // Marked, so that a rewrite would show.
+  ::chmod(file.c_str(), 0600);
+  result = DesktopEntry::install(folder, "first\n");
+  EXPECT_FALSE(result.written);
+  EXPECT_FALSE(result.error);
+  EXPECT_EQ(fs::status(file).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+
+  result = DesktopEntry::install(folder, "second\n");
+  EXPECT_TRUE(result.written);
+  std::ifstream again(file);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(again), {}), "second\n");
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1)
+      << "no temporary file left behind";
+}
+
+TEST(DesktopEntryTest, AFolderThatCantBeMadeIsReportedWithItsPath) {
+  testing::TempDir temp;
+  std::ofstream(temp.file("blocker")) << "a file where the folder should be";
+  const fs::path folder = fs::path(temp.path()) / "blocker" / "applications";
+  const auto result = DesktopEntry::install(folder, "text\n");
+  EXPECT_FALSE(result.written);
+  ASSERT_TRUE(result.error);
+  EXPECT_THAT(*result.error, HasSubstr(folder.string()));
+}
+
+}  // namespace
+}  // namespace corvane

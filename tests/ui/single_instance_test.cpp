@@ -1,0 +1,230 @@
+// One running application per user. In-process: a second SingleInstance on
+// another thread hands its links over the real socket, a socket file left
+// by a crash is replaced, and a folder others can enter is refused. With
+// two real processes of Corvane: a link given to the second start reaches
+// the first, which logs it without its code, and a killed first instance
+// is replaced by the next start.
+#include "app/ui/single_instance.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <QSignalSpy>
+#include <QTest>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "tests/e2e/child_process.h"
+#include "tests/support/temp_dir.h"
+
+namespace corvane {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using testing::ChildProcess;
+using testing::ExitStatus;
+namespace fs = std::filesystem;
+
+// Runs a second instance on a thread of its own, as another process would:
+// the first one answers from this thread's event loop.
+SingleInstance::Role startElsewhere(const QString& folder, const QStringList& urls) {
+  SingleInstance::Role role = SingleInstance::Role::failed;
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    SingleInstance second(folder);
+    role = second.start(urls, 20000);
+    done = true;
+  });
+  EXPECT_TRUE(QTest::qWaitFor([&] { return done.load(); }, 30000));
+  other.join();
+  return role;
+}
+
+TEST(SingleInstanceTest, ALaterStartHandsItsLinksOverInOrder) {
+  testing::TempDir temp;
+  const QString folder = QString::fromStdString(temp.path());
+  SingleInstance first(folder);
+  ASSERT_EQ(first.start({}), SingleInstance::Role::primary) << first.errorString().toStdString();
+  QSignalSpy urls(&first, &SingleInstance::urlReceived);
+  QSignalSpy reopens(&first, &SingleInstance::reopenRequested);
+
+  EXPECT_EQ(startElsewhere(folder, {"corvane://connect?code=AAAA1111", "corvane://connect?code=B2"}),
+            SingleInstance::Role::handedOver);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return urls.count() == 2; }, 10000));
+  EXPECT_EQ(urls.at(0).at(0).toString(), "corvane://connect?code=AAAA1111");
+  EXPECT_EQ(urls.at(1).at(0).toString(), "corvane://connect?code=B2");
+  EXPECT_EQ(reopens.count(), 0);
+
+  // Started again without a link: the user wants the window.
+  EXPECT_EQ(startElsewhere(folder, {}), SingleInstance::Role::handedOver);
+  EXPECT_TRUE(QTest::qWaitFor([&] { return reopens.count() == 1; }, 10000));
+  EXPECT_EQ(urls.count(), 2);
+}
+
+TEST(SingleInstanceTest, TheSocketIsForThisUserOnly) {
+  testing::TempDir temp;
+  SingleInstance first(QString::fromStdString(temp.path()));
+  ASSERT_EQ(first.start({}), SingleInstance::Role::primary);
+  struct stat info {};
+  ASSERT_EQ(::stat(first.socketPath().toLocal8Bit().constData(), &info), 0);
+  EXPECT_TRUE(S_ISSOCK(info.st_mode));
+  EXPECT_EQ(info.st_mode & 077, 0u);
+  EXPECT_THAT(first.socketPath().toStdString(),
+              HasSubstr("corvane-" + std::to_string(::getuid()) + ".socket"));
+}
+
+TEST(SingleInstanceTest, ASocketLeftByACrashIsReplaced) {
+  testing::TempDir temp;
+  const QString folder = QString::fromStdString(temp.path());
+  const std::string path = SingleInstance(folder).socketPath().toStdString();
+
+  // A bound socket whose process is gone: the file stays, nobody listens.
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::close(fd);
+  ASSERT_TRUE(fs::exists(path));
+
+  SingleInstance first(folder);
+  ASSERT_EQ(first.start({}), SingleInstance::Role::primary) << first.errorString().toStdString();
+  QSignalSpy urls(&first, &SingleInstance::urlReceived);
+  EXPECT_EQ(startElsewhere(folder, {"corvane://connect?code=CCCC3333"}),
+            SingleInstance::Role::handedOver);
+  EXPECT_TRUE(QTest::qWaitFor([&] { return urls.count() == 1; }, 10000));
+}
+
+TEST(SingleInstanceTest, ARunningInstanceThatNeverAnswersIsAFailureNotAHandOver) {
+  testing::TempDir temp;
+  const QString folder = QString::fromStdString(temp.path());
+  SingleInstance first(folder);
+  ASSERT_EQ(first.start({}), SingleInstance::Role::primary);
+  // This thread is busy: the first instance can't answer.
+  SingleInstance second(folder);
+  EXPECT_EQ(second.start({"corvane://connect?code=DDDD4444"}, 300), SingleInstance::Role::failed);
+  EXPECT_THAT(second.errorString().toStdString(), HasSubstr("already running"));
+}
+
+TEST(SingleInstanceTest, TheFallbackFolderMustBePrivate) {
+  testing::TempDir temp;
+  const std::string folder = temp.file("corvane-" + std::to_string(::getuid()));
+  const char* savedTmp = std::getenv("TMPDIR");
+  const std::string restore = savedTmp ? savedTmp : "";
+  ::setenv("TMPDIR", temp.path().c_str(), 1);
+  const auto getenv = [](const char* name) -> const char* {
+    return std::string_view(name) == "XDG_RUNTIME_DIR" ? nullptr : std::getenv(name);
+  };
+
+  QString error;
+  auto made = SingleInstance::defaultDirectory(getenv, &error);
+  ASSERT_TRUE(made) << error.toStdString();
+  EXPECT_EQ(made->toStdString(), folder);
+  EXPECT_EQ(fs::status(folder).permissions() & fs::perms::all, fs::perms::owner_all);
+
+  ::chmod(folder.c_str(), 0755);
+  EXPECT_FALSE(SingleInstance::defaultDirectory(getenv, &error));
+  EXPECT_THAT(error.toStdString(), HasSubstr("not a private folder"));
+
+  fs::remove(folder);
+  fs::create_directory_symlink(temp.path(), folder);
+  EXPECT_FALSE(SingleInstance::defaultDirectory(getenv, &error)) << "a link to elsewhere";
+
+  if (savedTmp) {
+    ::setenv("TMPDIR", restore.c_str(), 1);
+  } else {
+    ::unsetenv("TMPDIR");
+  }
+
+  const auto runtime = [](const char* name) -> const char* {
+    return std::string_view(name) == "XDG_RUNTIME_DIR" ? "/run/user/4242" : nullptr;
+  };
+  EXPECT_EQ(SingleInstance::defaultDirectory(runtime, &error), QString("/run/user/4242"));
+}
+
+// Two processes of the real executable, each in the same temporary home.
+class TwoProcessesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* folder : {"home", "run", "config", "data"}) {
+      fs::create_directories(temp.file(folder));
+    }
+    ::chmod(temp.file("run").c_str(), 0700);
+  }
+
+  std::unique_ptr<ChildProcess> start(std::vector<std::string> args) {
+    const char* dir = std::getenv("CORVANE_TEST_BIN_DIR");
+    auto child = std::make_unique<ChildProcess>(
+        std::string(dir ? dir : ".") + "/Corvane", std::move(args),
+        std::vector<std::string>{"HOME=" + temp.file("home"), "XDG_RUNTIME_DIR=" + temp.file("run"),
+                                 "XDG_CONFIG_HOME=" + temp.file("config"),
+                                 "XDG_DATA_HOME=" + temp.file("data"), "QT_QPA_PLATFORM=offscreen",
+                                 "PATH=/nonexistent"});
+    EXPECT_TRUE(child->started()) << child->spawnError();
+    return child;
+  }
+
+  static constexpr const char* kRunning = " running; links reach it through ";
+  static constexpr const char* kReceived = "Corvane: received corvane://connect link";
+  testing::TempDir temp;
+};
+
+TEST_F(TwoProcessesTest, ALinkGivenToASecondStartReachesTheFirstWithoutItsCode) {
+  auto first = start({});
+  ASSERT_TRUE(first->waitFor(ChildProcess::Stream::err, kRunning)) << first->err();
+
+  auto second = start({"corvane://connect?code=ABCD1234"});
+  EXPECT_EQ(second->wait(std::chrono::seconds(30)), ExitStatus::exit(0)) << second->err();
+  EXPECT_TRUE(first->waitFor(ChildProcess::Stream::err, kReceived)) << first->err();
+  EXPECT_THAT(second->err(), Not(HasSubstr(kRunning)));
+
+  // The desktop entry points links at this executable.
+  std::ifstream entry(temp.file("data/applications/corvane.desktop"));
+  const std::string text(std::istreambuf_iterator<char>(entry), {});
+  EXPECT_THAT(text, HasSubstr("MimeType=x-scheme-handler/corvane;"));
+  EXPECT_THAT(text, HasSubstr("/Corvane %u\n"));
+
+  first->signal(SIGTERM);
+  EXPECT_EQ(first->wait(std::chrono::seconds(30)), ExitStatus::exit(0)) << first->err();
+  for (const std::string& log : {first->err(), second->err(), first->out(), second->out()}) {
+    EXPECT_THAT(log, Not(HasSubstr("ABCD1234")));
+  }
+  EXPECT_EQ(ChildProcess::occurrences(first->err(), kReceived), 1u);
+  EXPECT_FALSE(fs::exists(temp.file("run/corvane-" + std::to_string(::getuid()) + ".socket")))
+      << "a clean quit takes the socket away";
+}
+
+TEST_F(TwoProcessesTest, TheFirstStartWithALinkRunsTheApplicationWithTheLinkWaiting) {
+  auto first = start({"corvane://connect?code=EFGH5678"});
+  ASSERT_TRUE(first->waitFor(ChildProcess::Stream::err, kRunning)) << first->err();
+  EXPECT_TRUE(first->running());
+  const std::string log = first->err();
+  // Received while launching, logged before launch finished.
+  EXPECT_LT(log.find(kReceived), log.find(kRunning));
+  EXPECT_THAT(log, Not(HasSubstr("EFGH5678")));
+}
+
+TEST_F(TwoProcessesTest, AStartAfterACrashTakesOverTheLockAndTheSocket) {
+  auto crashed = start({});
+  ASSERT_TRUE(crashed->waitFor(ChildProcess::Stream::err, kRunning)) << crashed->err();
+  crashed->signal(SIGKILL);
+  crashed->wait();
+  ASSERT_TRUE(fs::exists(temp.file("run/corvane-" + std::to_string(::getuid()) + ".socket")));
+
+  auto next = start({});
+  ASSERT_TRUE(next->waitFor(ChildProcess::Stream::err, kRunning)) << next->err();
+  auto link = start({"corvane://connect?code=IJKL9012"});
+  EXPECT_EQ(link->wait(std::chrono::seconds(30)), ExitStatus::exit(0)) << link->err();
+  EXPECT_TRUE(next->waitFor(ChildProcess::Stream::err, kReceived)) << next->err();
+}
+
+}  // namespace
+}  // namespace corvane
