@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include <QCheckBox>
-#include <QFontMetrics>
 #include <QDesktopServices>
+#include <QFontMetrics>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
