@@ -1,8 +1,8 @@
 // The menu-bar icon outside macOS: panels may be light or dark and nothing
 // tints a template image there, so the coloured icon is the one that reads.
-#include "app/ui/app_icon.h"
-
 #include <QPixmap>
+
+#include "app/ui/app_icon.h"
 
 namespace corvane::AppIcon {
 

@@ -223,39 +223,38 @@ int runApplication(int argc, char** argv) {
   const std::string region = Phone::detectRegion();
   const std::string userAgent = "corvane-mac/" + AppInfo::version();
 
-  AppModel model(
-      AppModel::Services{
-          .tokens = *tokens,
-          .defaults = *defaults,
-          .probes = *probes,
-          .scheduler = scheduler,
-          .worker = worker,
-          .clock = nowMs,
-          .makeAPI =
-              [userAgent](const std::string& server, std::optional<std::string> token) {
-                return std::make_shared<APIClient>(server, std::move(token), userAgent);
-              },
-          .makeStore = {},
-          .sender = SystemIntegration::makeSender(chatDBPath, stateDir, log),
-          .loadContacts = [region] { return SystemContacts::load(region); },
-          .loginItem = *loginItem,
-          .relocator = *relocator,
-          .opener = opener,
-          .updater = updater.get(),
-          .log = log,
-      },
-      AppModel::Options{
-          .chatDBPath = chatDBPath,
-          .stateDir = stateDir,
-          .homeDirectory = UserDirectories::home(UserDirectories::processEnvironment),
-          .executablePath = QCoreApplication::applicationFilePath().toStdString(),
-          .region = region,
-          .appVersion = AppInfo::version(),
-          .osVersion = AppInfo::osVersion(),
-          .deviceName = AppInfo::deviceName(),
-          .previewMode = false,
-          .qaExpectLink = args.flag("--qa-expect-link"),
-      });
+  AppModel model(AppModel::Services{
+                     .tokens = *tokens,
+                     .defaults = *defaults,
+                     .probes = *probes,
+                     .scheduler = scheduler,
+                     .worker = worker,
+                     .clock = nowMs,
+                     .makeAPI =
+                         [userAgent](const std::string& server, std::optional<std::string> token) {
+                           return std::make_shared<APIClient>(server, std::move(token), userAgent);
+                         },
+                     .makeStore = {},
+                     .sender = SystemIntegration::makeSender(chatDBPath, stateDir, log),
+                     .loadContacts = [region] { return SystemContacts::load(region); },
+                     .loginItem = *loginItem,
+                     .relocator = *relocator,
+                     .opener = opener,
+                     .updater = updater.get(),
+                     .log = log,
+                 },
+                 AppModel::Options{
+                     .chatDBPath = chatDBPath,
+                     .stateDir = stateDir,
+                     .homeDirectory = UserDirectories::home(UserDirectories::processEnvironment),
+                     .executablePath = QCoreApplication::applicationFilePath().toStdString(),
+                     .region = region,
+                     .appVersion = AppInfo::version(),
+                     .osVersion = AppInfo::osVersion(),
+                     .deviceName = AppInfo::deviceName(),
+                     .previewMode = false,
+                     .qaExpectLink = args.flag("--qa-expect-link"),
+                 });
 
   SetupWindowHost host(model, opener);
   windowHost = &host;

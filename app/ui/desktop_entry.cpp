@@ -12,7 +12,8 @@ std::string quoteExecArgument(std::string_view argument) {
   // quoted.
   constexpr std::string_view reserved = " \t\n\"'\\><~|&;$*?#()`";
   std::string quoted;
-  const bool needsQuotes = argument.empty() || argument.find_first_of(reserved) != std::string::npos;
+  const bool needsQuotes =
+      argument.empty() || argument.find_first_of(reserved) != std::string::npos;
   if (needsQuotes) quoted += '"';
   for (const char c : argument) {
     if (needsQuotes && (c == '"' || c == '`' || c == '$' || c == '\\')) quoted += '\\';
@@ -35,11 +36,12 @@ std::optional<std::string> text(const fs::path& executable) {
   for (const char c : path) {
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return std::nullopt;
   }
-  return std::string("[Desktop Entry]\n"
-                     "Type=Application\n"
-                     "Name=Corvane\n"
-                     "Comment=Links your Messages with Corvane\n"
-                     "Exec=") +
+  return std::string(
+             "[Desktop Entry]\n"
+             "Type=Application\n"
+             "Name=Corvane\n"
+             "Comment=Links your Messages with Corvane\n"
+             "Exec=") +
          quoteExecArgument(path) +
          " %u\n"
          "Terminal=false\n"
@@ -65,7 +67,8 @@ InstallResult install(const fs::path& directory, const std::string& content) {
   }
   existing.close();
   const auto failed = [&](const QString& reason) {
-    return InstallResult{false, "could not write " + path.toStdString() + ": " + reason.toStdString()};
+    return InstallResult{false,
+                         "could not write " + path.toStdString() + ": " + reason.toStdString()};
   };
   if (!QDir().mkpath(QString::fromStdString(directory.string()))) {
     return failed("the folder could not be created");

@@ -8,7 +8,8 @@
 namespace corvane {
 
 void DesktopOpener::reveal(const std::filesystem::path& path) {
-  QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(path.parent_path().string())));
+  QDesktopServices::openUrl(
+      QUrl::fromLocalFile(QString::fromStdString(path.parent_path().string())));
 }
 
 }  // namespace corvane

@@ -130,8 +130,8 @@ TEST_F(AppDelegateTest, ALinkAfterLaunchGoesToTheModelAtOnceAndBringsUpTheWindow
   delegate.launchFinished();
   events.clear();
   delegate.openURL("corvane://connect?code=ABCD1234");
-  EXPECT_THAT(events, ElementsAre("link corvane://connect?code=ABCD1234", "step", "regular",
-                                  "window"));
+  EXPECT_THAT(events,
+              ElementsAre("link corvane://connect?code=ABCD1234", "step", "regular", "window"));
 }
 
 TEST_F(AppDelegateTest, ReopeningShowsTheWindowEvenWhenSetupIsDone) {

@@ -149,7 +149,8 @@ TEST(DesktopEntryTest, InstallWritesOnlyWhenTheTextChanges) {
   result = DesktopEntry::install(folder, "first\n");
   EXPECT_FALSE(result.written);
   EXPECT_FALSE(result.error);
-  EXPECT_EQ(fs::status(file).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(fs::status(file).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
 
   result = DesktopEntry::install(folder, "second\n");
   EXPECT_TRUE(result.written);

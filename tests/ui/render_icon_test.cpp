@@ -19,10 +19,10 @@
 namespace corvane {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
 using testing::ChildProcess;
 using testing::ExitStatus;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 std::string executable() {
   const char* dir = std::getenv("CORVANE_TEST_BIN_DIR");
@@ -67,7 +67,7 @@ TEST(RenderIconTest, WritesAPngOfTheSizeAsked) {
     int size;
   };
   const Case cases[] = {
-      {{}, 1024}, {{"--size", "16"}, 16}, {{"--size", "64"}, 64},
+      {{}, 1024},           {{"--size", "16"}, 16},    {{"--size", "64"}, 64},
       {{"--size", "1"}, 1}, {{"--size", "0512"}, 512}, {{"--size"}, 1024},  // last: not given
   };
   for (const Case& c : cases) {
@@ -101,16 +101,11 @@ TEST(RenderIconTest, ABadSizeOrAnUnwritableFileFailsWithTheReason) {
     std::string reason;  // part of the message
   };
   const std::vector<Case> cases = {
-      {{"--size", "12a"}, "\"12a\""},
-      {{"--size", "0"}, "at least 1"},
-      {{"--size", "-3"}, "\"-3\""},
-      {{"--size", ""}, "\"\""},
-      {{"--size", "+5"}, "\"+5\""},
-      {{"--size", "0x10"}, "\"0x10\""},
-      {{"--size", " 5"}, "\" 5\""},
-      {{"--size", "5.0"}, "\"5.0\""},
-      {{"--size", "8193"}, "8192"},
-      {{"--size", "99999999999999999999"}, "8192"},
+      {{"--size", "12a"}, "\"12a\""}, {{"--size", "0"}, "at least 1"},
+      {{"--size", "-3"}, "\"-3\""},   {{"--size", ""}, "\"\""},
+      {{"--size", "+5"}, "\"+5\""},   {{"--size", "0x10"}, "\"0x10\""},
+      {{"--size", " 5"}, "\" 5\""},   {{"--size", "5.0"}, "\"5.0\""},
+      {{"--size", "8193"}, "8192"},   {{"--size", "99999999999999999999"}, "8192"},
   };
   for (const Case& c : cases) {
     std::vector<std::string> args{"--render-icon", out};

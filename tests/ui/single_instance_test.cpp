@@ -26,11 +26,11 @@
 namespace corvane {
 namespace {
 
+using testing::ChildProcess;
 using ::testing::ElementsAre;
+using testing::ExitStatus;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using testing::ChildProcess;
-using testing::ExitStatus;
 namespace fs = std::filesystem;
 
 // Runs a second instance on a thread of its own, as another process would:
@@ -56,8 +56,9 @@ TEST(SingleInstanceTest, ALaterStartHandsItsLinksOverInOrder) {
   QSignalSpy urls(&first, &SingleInstance::urlReceived);
   QSignalSpy reopens(&first, &SingleInstance::reopenRequested);
 
-  EXPECT_EQ(startElsewhere(folder, {"corvane://connect?code=AAAA1111", "corvane://connect?code=B2"}),
-            SingleInstance::Role::handedOver);
+  EXPECT_EQ(
+      startElsewhere(folder, {"corvane://connect?code=AAAA1111", "corvane://connect?code=B2"}),
+      SingleInstance::Role::handedOver);
   ASSERT_TRUE(QTest::qWaitFor([&] { return urls.count() == 2; }, 10000));
   EXPECT_EQ(urls.at(0).at(0).toString(), "corvane://connect?code=AAAA1111");
   EXPECT_EQ(urls.at(1).at(0).toString(), "corvane://connect?code=B2");

@@ -25,8 +25,9 @@ namespace {
 struct ReopenRegistration {
   CorvaneReopenHandler* handler;
   ~ReopenRegistration() {
-    [[NSAppleEventManager sharedAppleEventManager] removeEventHandlerForEventClass:kCoreEventClass
-                                                                        andEventID:kAEReopenApplication];
+    [[NSAppleEventManager sharedAppleEventManager]
+        removeEventHandlerForEventClass:kCoreEventClass
+                             andEventID:kAEReopenApplication];
   }
 };
 
