@@ -196,6 +196,11 @@ int runApplication(int argc, char** argv) {
       case SingleInstance::Role::failed:
         log->error(instance->errorString().toStdString());
         return 1;
+      case SingleInstance::Role::unavailable:
+        log->warn("can't make sure only one Corvane runs: " +
+                  instance->errorString().toStdString());
+        instance.reset();
+        break;
       case SingleInstance::Role::primary:
         break;
     }

@@ -70,10 +70,10 @@ SingleInstance::~SingleInstance() {
 }
 
 SingleInstance::Role SingleInstance::start(const QStringList& urls, int answerTimeoutMs) {
-  if (lock_.tryLock(0)) return listen() ? Role::primary : Role::failed;
+  if (lock_.tryLock(0)) return listen() ? Role::primary : Role::unavailable;
   if (lock_.error() != QLockFile::LockFailedError) {
     error_ = "can't create the lock file beside " + socketPath_;
-    return Role::failed;
+    return Role::unavailable;
   }
   return handOver(urls, answerTimeoutMs) ? Role::handedOver : Role::failed;
 }

@@ -42,9 +42,10 @@ class SingleInstance final : public QObject {
   const QString& socketPath() const { return socketPath_; }
 
   enum class Role {
-    primary,     // this process runs the application and listens
-    handedOver,  // a running instance took `urls`; this process should exit
-    failed,      // neither; errorString() says why
+    primary,      // this process runs the application and listens
+    handedOver,   // a running instance took `urls`; this process should exit
+    failed,       // an instance runs but did not take them; errorString() says why
+    unavailable,  // no lock or socket can be made here; errorString() says why
   };
   // Becomes the listening instance, or hands `urls` to the running one
   // (none: the user opened the application again). A running instance that

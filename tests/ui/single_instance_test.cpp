@@ -115,6 +115,13 @@ TEST(SingleInstanceTest, ARunningInstanceThatNeverAnswersIsAFailureNotAHandOver)
   EXPECT_THAT(second.errorString().toStdString(), HasSubstr("already running"));
 }
 
+TEST(SingleInstanceTest, AFolderWhereNothingCanBeMadeLeavesTheApplicationOnItsOwn) {
+  testing::TempDir temp;
+  SingleInstance lonely(QString::fromStdString(temp.file("missing")));
+  EXPECT_EQ(lonely.start({}), SingleInstance::Role::unavailable);
+  EXPECT_THAT(lonely.errorString().toStdString(), HasSubstr(temp.file("missing")));
+}
+
 TEST(SingleInstanceTest, TheFallbackFolderMustBePrivate) {
   testing::TempDir temp;
   const std::string folder = temp.file("corvane-" + std::to_string(::getuid()));
