@@ -54,7 +54,7 @@ void VirtualScheduler::advance(double seconds) {
       }
     }
     if (due == timers_.end()) break;
-    nowMs_ = std::max(nowMs_, due->second.dueMs);
+    nowMs_ = std::max(nowMs_.load(), due->second.dueMs);
     std::function<void()> work = due->second.work;
     if (due->second.periodMs > 0) {
       due->second.dueMs += due->second.periodMs;

@@ -10,6 +10,7 @@
 // everything else belongs to the test's thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -26,7 +27,7 @@ class VirtualScheduler final : public MainScheduler {
 
   std::int64_t nowMs() const { return nowMs_; }
   std::function<std::int64_t()> clock() {
-    return [this] { return nowMs_; };
+    return [this] { return nowMs_.load(); };
   }
 
   void post(std::function<void()> work) override;
@@ -50,7 +51,8 @@ class VirtualScheduler final : public MainScheduler {
   };
   static std::int64_t toMs(double seconds);
 
-  std::int64_t nowMs_;
+  // Read by cycles on worker threads in race tests.
+  std::atomic<std::int64_t> nowMs_;
   TimerId next_ = 1;
   std::map<TimerId, Timer> timers_;
   std::mutex postedMutex_;

@@ -1,0 +1,231 @@
+// The application's sync loop: what each outcome of a cycle publishes, how
+// long it naps, waking, pausing, and a cycle that outlives its account.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <future>
+
+#include "app/model/app_model.h"
+#include "app/model/thread_worker.h"
+#include "core/api/api_error.h"
+#include "core/chatdb/chat_db.h"
+#include "core/chatdb/sqlite_db.h"
+#include "tests/support/app_model_rig.h"
+
+namespace corvane {
+namespace {
+
+using testing::AppModelRig;
+using testing::FakeAgentAPI;
+using Call = FakeAgentAPI::Call;
+
+// Makes every cycle's first call throw `error` (any type, so the loop's
+// mapping can be driven by database errors too).
+void failConfigWith(AppModelRig& rig, std::exception_ptr error) {
+  rig.configureAPI = [error](FakeAgentAPI& api, auto&, auto&) {
+    api.failWith = [error](Call call) -> std::optional<APIError> {
+      if (call == Call::config) std::rethrow_exception(error);
+      return std::nullopt;
+    };
+  };
+}
+
+// Seconds until the loop asks for its next cycle, searched in 0.5 s steps.
+double secondsToNextCycle(AppModelRig& rig, double limit = 1000) {
+  const int before = rig.calls(Call::config);
+  for (double t = 0.5; t <= limit; t += 0.5) {
+    rig.scheduler.advance(0.5);
+    rig.settle();
+    if (rig.calls(Call::config) > before) return t;
+  }
+  return -1;
+}
+
+TEST(AppModelSyncTest, ASuccessfulCyclePublishesAndNapsThePollInterval) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.configureAPI = [](FakeAgentAPI& api, auto&, auto&) {
+    api.config.rosterHandles = {"+14155550100", "a@b.test"};
+    api.config.pollIntervalSec = 45;
+  };
+  rig.start();
+  EXPECT_EQ(rig.published().phase, SyncPhase::syncing());
+  rig.settle();
+  const auto& p = rig.published();
+  EXPECT_EQ(p.phase, SyncPhase::idle());
+  EXPECT_EQ(p.rosterCount, 2);
+  EXPECT_EQ(p.lastSyncAt, rig.scheduler.nowMs());
+  EXPECT_EQ(secondsToNextCycle(rig), 45);
+}
+
+TEST(AppModelSyncTest, EachFailurePublishesItsChangeAndNaps) {
+  const std::string messagesMissing(AppModel::messagesMissingText);
+  const std::string cantReach(AppModel::cantReachText);
+  const std::string problem(AppModel::syncProblemText);
+  const struct {
+    const char* name;
+    std::exception_ptr error;
+    SyncPhase phase;
+    double napMin, napMax;  // the back-off's jitter is ±15% of 30 s
+    bool fullDiskAccess, messagesReady, forcedReport;
+  } cases[] = {
+      {"database missing", std::make_exception_ptr(ChatDB::OpenError::missing("/x/chat.db")),
+       SyncPhase::error(messagesMissing), 300, 300, true, false, false},
+      {"no full disk access",
+       std::make_exception_ptr(ChatDB::OpenError::fullDiskAccess("/x/chat.db", "EPERM")),
+       SyncPhase::idle(), 60, 60, false, true, true},
+      {"other database error", std::make_exception_ptr(ChatDB::OpenError::other("chat.db is damaged.")),
+       SyncPhase::error("chat.db is damaged."), 25.5, 34.5, true, true, false},
+      {"network", std::make_exception_ptr(APIError::network("offline")), SyncPhase::error(cantReach),
+       25.5, 34.5, true, true, false},
+      {"408", std::make_exception_ptr(APIError::http(408, "late")), SyncPhase::error(cantReach), 25.5,
+       34.5, true, true, false},
+      {"429", std::make_exception_ptr(APIError::http(429, "busy")), SyncPhase::error(cantReach), 25.5,
+       34.5, true, true, false},
+      {"502", std::make_exception_ptr(APIError::http(502, "gateway")), SyncPhase::error(cantReach),
+       25.5, 34.5, true, true, false},
+      {"400", std::make_exception_ptr(APIError::http(400, "bad")), SyncPhase::error(problem), 25.5,
+       34.5, true, true, false},
+      {"SQLite", std::make_exception_ptr(SQLiteError(11, "malformed")), SyncPhase::error(problem),
+       25.5, 34.5, true, true, false},
+  };
+  for (const auto& c : cases) {
+    AppModelRig rig;
+    rig.pairedBefore();
+    failConfigWith(rig, c.error);
+    rig.start();
+    rig.settle();
+    EXPECT_EQ(rig.published().phase, c.phase) << c.name;
+    EXPECT_EQ(rig.published().fullDiskAccess, c.fullDiskAccess) << c.name;
+    EXPECT_EQ(rig.published().messagesReady, c.messagesReady) << c.name;
+    EXPECT_TRUE(rig.published().connected) << c.name;
+    const double nap = secondsToNextCycle(rig);
+    EXPECT_GE(nap, c.napMin) << c.name;
+    EXPECT_LE(nap, c.napMax + 0.5) << c.name;
+    // Only the lost access is reported at once.
+    const auto statuses = rig.statuses();
+    EXPECT_EQ(std::any_of(statuses.begin(), statuses.end(),
+                          [](const AgentStatusRequest& r) { return !r.fullDiskAccess; }),
+              c.forcedReport)
+        << c.name;
+  }
+}
+
+TEST(AppModelSyncTest, BackOffGrowsWithEachFailureAndResetsOnSuccess) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  bool failing = true;
+  rig.configureAPI = [&](FakeAgentAPI& api, auto&, auto&) {
+    api.failWith = [&](Call call) -> std::optional<APIError> {
+      if (failing && call == Call::config) return APIError::network("offline");
+      return std::nullopt;
+    };
+  };
+  rig.start();
+  rig.settle();
+  const double first = secondsToNextCycle(rig);
+  const double second = secondsToNextCycle(rig);
+  EXPECT_GE(second, 1.5 * first);
+  failing = false;
+  secondsToNextCycle(rig, 2000);
+  EXPECT_EQ(rig.published().phase, SyncPhase::idle());
+  EXPECT_EQ(secondsToNextCycle(rig), 60);
+}
+
+TEST(AppModelSyncTest, ARevokedTokenDisconnectsAndTheLoopWaits) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  failConfigWith(rig, std::make_exception_ptr(APIError::unauthorized("Unauthorized")));
+  rig.start();
+  rig.settle();
+  EXPECT_FALSE(rig.published().connected);
+  EXPECT_EQ(rig.published().phase, SyncPhase::error(std::string(AppModel::disconnectedText)));
+  EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), std::nullopt);
+  EXPECT_EQ(secondsToNextCycle(rig, 600), -1);
+}
+
+TEST(AppModelSyncTest, WakeStartsACycleAtOnceOrRightAfterTheRunningOne) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.start();
+  rig.settle();
+  const int cycles = rig.calls(Call::config);
+  rig.model().wake();
+  rig.settle();
+  EXPECT_EQ(rig.calls(Call::config), cycles + 1);
+
+  rig.scheduler.advance(60);  // the next cycle is queued on the worker
+  rig.model().wake();         // while it runs: remembered
+  rig.settle();
+  EXPECT_EQ(rig.calls(Call::config), cycles + 3);
+  EXPECT_EQ(secondsToNextCycle(rig), 60);
+}
+
+TEST(AppModelSyncTest, PauseStopsBetweenTwoSendsAndResumeCarriesOn) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.configureAPI = [](FakeAgentAPI& api, auto&, auto&) {
+    api.outbox = {{.id = "o1", .handle = "+14155550100", .text = "one"},
+                  {.id = "o2", .handle = "+14155550100", .text = "two"}};
+  };
+  rig.sender->answer = [&](const std::string&, const std::string&) {
+    rig.model().setPaused(true);  // pressed while the first text is being sent
+    return SendResult{true, "iMessage", true, std::nullopt};
+  };
+  rig.start();
+  rig.settle();
+  ASSERT_EQ(rig.sender->sent.size(), 1u);
+  EXPECT_EQ(rig.sender->sent[0].text, "one");
+  EXPECT_EQ(rig.published().phase, SyncPhase::idle());
+  EXPECT_TRUE(rig.published().paused);
+  const AgentState saved = FileStateStore(rig.options.stateDir).load();
+  ASSERT_EQ(saved.outboxDone.size(), 1u);
+  EXPECT_EQ(saved.outboxDone[0].status, SendStatus::sent);
+
+  EXPECT_EQ(secondsToNextCycle(rig, 300), -1);  // paused: no cycles
+  rig.sender->answer = nullptr;
+  rig.model().setPaused(false);
+  rig.settle();
+  ASSERT_EQ(rig.sender->sent.size(), 2u);
+  EXPECT_EQ(rig.sender->sent[1].text, "two");
+}
+
+// A cycle of the old account still running while the Mac is paired with
+// another account must never write its state into the new account's file.
+TEST(AppModelSyncTest, ACycleOfAReplacedAccountNeverSavesIntoTheNewOne) {
+  AppModelRig rig;
+  testing::ThreadWorkerForRig threads(rig);
+  rig.pairedBefore("tok-old");
+  std::promise<void> reachedSend, release;
+  auto released = release.get_future().share();
+  rig.configureAPI = [&](FakeAgentAPI& api, auto&, const std::optional<std::string>& token) {
+    if (token != "tok-old") return;
+    api.outbox = {{.id = "old-1", .handle = "+14155550100", .text = "from the old account"}};
+    api.failWith = [&, released](Call call) -> std::optional<APIError> {
+      if (call == Call::ack) {  // after the write-ahead save of old-1
+        reachedSend.set_value();
+        released.wait();
+      }
+      return std::nullopt;
+    };
+  };
+  rig.start();
+  reachedSend.get_future().wait();
+
+  rig.model().pair("NEWCODE1", rig.server);
+  threads.pumpUntil([&] { return rig.published().pairing.kind == PairingState::Kind::success; });
+  release.set_value();
+  // The new account's first cycle runs once the old one has given up.
+  threads.pumpUntil([&] { return rig.published().lastSyncAt.has_value(); });
+  const std::string state = [&] {
+    std::ifstream in(rig.options.stateDir / "state.json");
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }();
+  EXPECT_EQ(state.find("old-1"), std::string::npos) << state;
+  EXPECT_NE(state.find("lastSyncAt"), std::string::npos) << state;
+}
+
+}  // namespace
+}  // namespace corvane

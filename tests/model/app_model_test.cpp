@@ -1,0 +1,686 @@
+#include "app/model/app_model.h"
+
+#include <gtest/gtest.h>
+
+
+#include "app/model/thread_worker.h"
+#include "core/api/api_error.h"
+#include "core/chatdb/chat_db.h"
+#include "core/chatdb/sqlite_db.h"
+#include "core/protocol/iso_time.h"
+#include "tests/support/app_model_rig.h"
+
+namespace corvane {
+namespace {
+
+using testing::AppModelRig;
+using testing::FakeAgentAPI;
+using Call = FakeAgentAPI::Call;
+
+// Start-up.
+
+TEST(AppModelStartTest, ReadsTokenStateAndServer) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.defaults.setString(DefaultsKey::server, "http://127.0.0.1:8787/ignored/path");
+  rig.defaults.setString(DefaultsKey::userName, "Sam");
+  AgentState saved;
+  saved.rosterCount = 3;
+  saved.lastSyncAt = "2023-11-14T22:13:20.123Z";
+  FileStateStore(rig.options.stateDir).save(saved);
+
+  rig.start();
+  const auto& p = rig.published();
+  EXPECT_TRUE(p.connected);
+  EXPECT_EQ(p.userName, "Sam");
+  EXPECT_EQ(p.server, "http://127.0.0.1:8787");
+  EXPECT_EQ(p.rosterCount, 3);
+  EXPECT_EQ(p.lastSyncAt, 1700000000123);
+}
+
+TEST(AppModelStartTest, AServerDefaultThatIsRefusedGivesTheProductionServer) {
+  AppModelRig rig;
+  rig.defaults.setString(DefaultsKey::server, "http://example.test");
+  rig.start();
+  EXPECT_EQ(rig.published().server, rig.server);
+  EXPECT_FALSE(rig.published().connected);
+  EXPECT_EQ(rig.published().step, SetupStep::connect);
+}
+
+TEST(AppModelStartTest, LaunchAtLoginShowsTheItemOrStartsOnForAFirstSetup) {
+  const struct {
+    bool enabled, setupCompleted, expected;
+  } cases[] = {{true, true, true}, {true, false, true}, {false, false, true}, {false, true, false}};
+  for (const auto& c : cases) {
+    AppModelRig rig;
+    rig.loginItem.enabled = c.enabled;
+    rig.defaults.setBool(DefaultsKey::setupCompleted, c.setupCompleted);
+    rig.start();
+    EXPECT_EQ(rig.published().launchAtLogin, c.expected) << c.enabled << c.setupCompleted;
+    EXPECT_EQ(rig.loginItem.registers + rig.loginItem.unregisters, 0);
+  }
+}
+
+TEST(AppModelStartTest, ExpectLinkSwitchWaitsForTheBrowser) {
+  AppModelRig rig;
+  rig.options.qaExpectLink = true;
+  rig.start();
+  EXPECT_EQ(rig.published().pairing, PairingState::waitingForBrowser(rig.scheduler.nowMs()));
+}
+
+TEST(AppModelStartTest, ReportsStatusOnceAndReadsOwnHandles) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.start();
+  rig.settle();
+  ASSERT_GE(rig.statuses().size(), 1u);
+  const AgentStatusRequest first = rig.statuses().front();
+  EXPECT_EQ(first.appVersion, "1.2.3");
+  EXPECT_TRUE(first.fullDiskAccess);
+  for (const auto& m : rig.made()) EXPECT_EQ(m.token, "tok-old");
+}
+
+// Steps.
+
+TEST(AppModelStepTest, CurrentStepFirstMatchWins) {
+  const PermissionState granted = PermissionState::granted, denied = PermissionState::denied,
+                        unknown = PermissionState::unknown;
+  const struct {
+    const char* name;
+    bool bundleOutside, skippedMove, connected, fullDisk;
+    PermissionState automation;
+    bool skippedAutomation;
+    PermissionState contacts;
+    bool skippedContacts;
+    SetupStep expected;
+  } cases[] = {
+      {"outside Applications", true, false, true, true, granted, false, granted, false, SetupStep::move},
+      {"move skipped", true, true, false, true, granted, false, granted, false, SetupStep::connect},
+      {"not paired", false, false, false, true, granted, false, granted, false, SetupStep::connect},
+      {"no disk access", false, false, true, false, granted, false, granted, false, SetupStep::fullDisk},
+      {"automation denied", false, false, true, true, denied, false, granted, false, SetupStep::automation},
+      {"automation skipped", false, false, true, true, denied, true, unknown, false, SetupStep::contacts},
+      {"contacts denied", false, false, true, true, granted, false, denied, false, SetupStep::done},
+      {"contacts skipped", false, false, true, true, granted, false, unknown, true, SetupStep::done},
+  };
+  for (const auto& c : cases) {
+    AppModelRig rig;
+    if (c.bundleOutside) {
+      rig.relocator.bundle = "/Users/sam/Downloads/Corvane.app";
+      rig.relocator.inApplications = false;
+    }
+    if (c.connected) rig.pairedBefore();
+    rig.defaults.setBool(DefaultsKey::skippedMove, c.skippedMove);
+    rig.defaults.setBool(DefaultsKey::skippedAutomation, c.skippedAutomation);
+    rig.defaults.setBool(DefaultsKey::skippedContacts, c.skippedContacts);
+    rig.probes.access = {c.fullDisk, c.fullDisk};
+    rig.probes.automationAnswer = c.automation;
+    rig.probes.contacts = c.contacts;
+    rig.start();
+    EXPECT_EQ(rig.model().currentStep(), c.expected) << c.name;
+    EXPECT_EQ(rig.published().step, c.expected) << c.name;
+  }
+}
+
+TEST(AppModelStepTest, AdvanceOnlyFromTheShownStepAndIgnoresSkipFlags) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.probes.access = {false, false};
+  rig.probes.automationAnswer = PermissionState::denied;
+  rig.defaults.setBool(DefaultsKey::skippedAutomation, true);
+  rig.start();
+  ASSERT_EQ(rig.published().step, SetupStep::fullDisk);
+
+  rig.model().advance(SetupStep::automation);  // not the shown step
+  EXPECT_EQ(rig.published().step, SetupStep::fullDisk);
+
+  rig.probes.access = {true, true};
+  rig.model().refreshPermissions();
+  EXPECT_EQ(rig.model().currentStep(), SetupStep::contacts);  // passes over automation
+  rig.model().advance(SetupStep::fullDisk);
+  EXPECT_EQ(rig.published().step, SetupStep::automation);  // advance stops there
+
+  rig.model().advance(SetupStep::fullDisk);  // the wizard shows automation now
+  EXPECT_EQ(rig.published().step, SetupStep::automation);
+}
+
+TEST(AppModelStepTest, AdvancePassesSatisfiedSteps) {
+  AppModelRig rig;
+  rig.probes.automationAnswer = PermissionState::granted;
+  rig.probes.contacts = PermissionState::denied;
+  rig.start();
+  ASSERT_EQ(rig.published().step, SetupStep::connect);
+  rig.model().pair("ABCD1234", rig.server);
+  rig.settle();
+  rig.scheduler.advance(1.6);
+  EXPECT_EQ(rig.published().step, SetupStep::done);
+}
+
+TEST(AppModelStepTest, NotNowOnMoveStartsAtConnectAndStaysThere) {
+  AppModelRig rig;
+  rig.relocator.bundle = "/Volumes/Corvane/Corvane.app";
+  rig.relocator.inApplications = false;
+  rig.start();
+  ASSERT_EQ(rig.published().step, SetupStep::move);
+  rig.model().skip(SetupStep::move);
+  EXPECT_EQ(rig.published().step, SetupStep::connect);
+  EXPECT_TRUE(rig.defaults.getBool(DefaultsKey::skippedMove));
+  rig.model().showCurrentStep();
+  EXPECT_EQ(rig.published().step, SetupStep::connect);
+  rig.model().goBack();  // the move step is still on offer
+  EXPECT_EQ(rig.published().step, SetupStep::move);
+}
+
+TEST(AppModelStepTest, ShowingTheWindowKeepsALaterStepButLeavesDone) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.probes.automationAnswer = PermissionState::denied;
+  rig.start();
+  ASSERT_EQ(rig.published().step, SetupStep::automation);
+  rig.model().skip(SetupStep::automation);
+  ASSERT_EQ(rig.published().step, SetupStep::contacts);
+  rig.model().goBack();
+  rig.model().goBack();
+  EXPECT_EQ(rig.published().step, SetupStep::fullDisk);
+  rig.model().showCurrentStep();  // earlier than currentStep(): moved on
+  EXPECT_EQ(rig.published().step, SetupStep::contacts);
+  rig.model().skip(SetupStep::contacts);
+  ASSERT_EQ(rig.published().step, SetupStep::done);
+  rig.defaults.setBool(DefaultsKey::skippedContacts, false);
+  rig.model().showCurrentStep();  // done starts over at currentStep()
+  EXPECT_EQ(rig.published().step, SetupStep::contacts);
+  rig.model().goBack();
+  rig.model().goBack();
+  rig.model().goBack();
+  EXPECT_EQ(rig.published().step, SetupStep::connect);  // nothing to move: no move step
+}
+
+TEST(AppModelStepTest, FinishingSetupRegistersTheLoginItemTheToggleShows) {
+  AppModelRig rig;
+  rig.start();
+  ASSERT_TRUE(rig.published().launchAtLogin);
+  EXPECT_TRUE(rig.model().needsSetup());
+  rig.model().finishSetup();
+  EXPECT_TRUE(rig.model().setupCompleted());
+  EXPECT_EQ(rig.loginItem.registers, 1);
+  EXPECT_TRUE(rig.loginItem.enabled);
+}
+
+// Pairing by code.
+
+TEST(AppModelPairTest, CodeLengthIsCountedWithoutBlanks) {
+  const struct {
+    const char* typed;
+    std::optional<std::string> sent;  // absent: refused as too short
+  } cases[] = {
+      {"ABC", std::nullopt},
+      {"ABCDEFGHIJKLMNOPQ", std::nullopt},
+      {" A B C ", std::nullopt},
+      {"ABCD", "ABCD"},
+      {"ABCDEFGHIJKLMNOP", "ABCDEFGHIJKLMNOP"},
+      {"  AB CD\t12 \n", "ABCD12"},
+      {"A B C D E F G H I J K L M N O P", "ABCDEFGHIJKLMNOP"},
+  };
+  for (const auto& c : cases) {
+    AppModelRig rig;
+    rig.start();
+    rig.model().pair(c.typed, rig.server);
+    rig.settle();
+    std::vector<std::string> sent;
+    for (const auto& m : rig.made()) {
+      for (const auto& r : m.api->pairs) sent.push_back(r.code);
+    }
+    if (c.sent) {
+      EXPECT_EQ(sent, std::vector<std::string>{*c.sent}) << c.typed;
+      EXPECT_TRUE(rig.published().connected) << c.typed;
+    } else {
+      EXPECT_TRUE(sent.empty()) << c.typed;
+      EXPECT_EQ(rig.published().pairing,
+                PairingState::failed(std::string(AppModel::codeTooShortText)))
+          << c.typed;
+    }
+  }
+}
+
+TEST(AppModelPairTest, FailuresSayWhatToDo) {
+  const struct {
+    APIError error;
+    std::string text;
+  } cases[] = {
+      {APIError::network("timed out"),
+       "Can't reach Corvane. Check your internet connection and try again."},
+      {APIError::http(400, "bad"),
+       "That code didn't work. It may have expired \u2014 get a fresh one and try again."},
+      {APIError::http(404, "nope"),
+       "That code didn't work. It may have expired \u2014 get a fresh one and try again."},
+      {APIError::http(429, "slow down"), "Too many tries. Wait a few minutes, then try again."},
+      {APIError::http(503, "Server error 503"), "Something went wrong (Server error 503)."},
+      {APIError::badResponse("The server's answer was not understood."),
+       "The server's answer was not understood."},
+  };
+  for (const auto& c : cases) {
+    AppModelRig rig;
+    rig.configureAPI = [&](FakeAgentAPI& api, auto&, auto&) {
+      api.failWith = [&](Call) { return std::optional(c.error); };
+    };
+    rig.start();
+    rig.model().pair("ABCD1234", rig.server);
+    EXPECT_EQ(rig.published().pairing, PairingState::pairing());
+    rig.settle();
+    EXPECT_EQ(rig.published().pairing, PairingState::failed(c.text)) << c.error.what();
+    EXPECT_FALSE(rig.published().connected);
+    EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), std::nullopt);
+  }
+}
+
+TEST(AppModelPairTest, AnAnswerWithoutATokenIsAFailedPairing) {
+  AppModelRig rig;
+  rig.configureAPI = [](FakeAgentAPI& api, auto&, auto&) { api.pairResponse.token.clear(); };
+  rig.start();
+  rig.model().pair("ABCD1234", rig.server);
+  rig.settle();
+  EXPECT_EQ(rig.published().pairing.kind, PairingState::Kind::failed);
+  EXPECT_FALSE(rig.published().connected);
+  EXPECT_FALSE(rig.defaults.getString(DefaultsKey::deviceId));
+}
+
+TEST(AppModelPairTest, SuccessStoresTheAccountAndStartsFresh) {
+  AppModelRig rig;
+  AgentState old;
+  old.cursor = 42;
+  old.rosterCount = 7;
+  old.lastSyncAt = "2023-11-14T22:13:20.123Z";
+  FileStateStore(rig.options.stateDir).save(old);
+  rig.probes.access = {false, false};
+  rig.start();
+  ASSERT_EQ(rig.published().rosterCount, 7);
+
+  const std::string other = "https://preview.corvane.app";
+  rig.model().pair("ABCD1234", other);
+  rig.manualWorker.runOne();  // the pairing call, not yet the first cycle
+  rig.scheduler.runPending();
+  const auto& p = rig.published();
+  EXPECT_EQ(p.pairing, PairingState::success("Sam"));
+  EXPECT_TRUE(p.connected);
+  EXPECT_EQ(p.server, other);
+  EXPECT_EQ(p.userName, "Sam");
+  EXPECT_EQ(p.rosterCount, std::nullopt);
+  EXPECT_EQ(p.lastSyncAt, std::nullopt);
+  EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), "tok-new");
+  EXPECT_EQ(rig.defaults.getString(DefaultsKey::server), other);
+  EXPECT_EQ(rig.defaults.getString(DefaultsKey::deviceId), "dev-1");
+  EXPECT_EQ(rig.defaults.getString(DefaultsKey::userName), "Sam");
+  EXPECT_FALSE(std::filesystem::exists(rig.options.stateDir / "state.json"));
+  rig.settle();
+  EXPECT_EQ(rig.statuses().size(), 1u);  // forced right after pairing
+  const auto pairCall = rig.made().front();
+  EXPECT_EQ(pairCall.token, std::nullopt);
+  EXPECT_EQ(pairCall.api->pairs.at(0).deviceName, "Test Mac");
+  EXPECT_EQ(pairCall.api->pairs.at(0).agentVersion, "mac-1.2.3");
+
+  rig.scheduler.advance(1.5);
+  EXPECT_EQ(p.step, SetupStep::connect);
+  rig.scheduler.advance(0.1);
+  EXPECT_EQ(p.step, SetupStep::fullDisk);
+}
+
+// Connect links.
+
+TEST(AppModelLinkTest, ALinkPairsAtOnceOnlyWithinTheWindowAndFromATrustedServer) {
+  const struct {
+    double secondsAfterConnect;
+    const char* link;
+    bool pairsAtOnce;
+  } cases[] = {
+      {899, "corvane://connect?code=ABCD1234", true},
+      {900, "corvane://connect?code=ABCD1234", false},
+      {10, "corvane://connect?code=ABCD1234&server=https%3A%2F%2Fpreview.corvane.app", true},
+      {10, "corvane://connect?code=ABCD1234&server=https%3A%2F%2Fevil.test", false},
+      {10, "corvane://connect?code=ABCD1234&server=http%3A%2F%2F127.0.0.1%3A8787", false},
+  };
+  for (const auto& c : cases) {
+    AppModelRig rig;
+    rig.start();
+    rig.model().connectWithBrowser();
+    EXPECT_EQ(rig.opener.urls, std::vector<std::string>{AppModel::connectPageURL(rig.server)});
+    rig.scheduler.advance(c.secondsAfterConnect);
+    rig.model().handleLink(c.link);
+    EXPECT_EQ(rig.published().step, SetupStep::connect);
+    EXPECT_EQ(rig.published().pendingLink.has_value(), !c.pairsAtOnce) << c.link;
+    rig.settle();
+    EXPECT_EQ(rig.published().connected, c.pairsAtOnce) << c.secondsAfterConnect << " " << c.link;
+  }
+}
+
+TEST(AppModelLinkTest, WithoutConnectPressedOrWhenConnectedTheLinkWaitsForConfirmation) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.start();
+  rig.model().connectWithBrowser();
+  rig.model().handleLink("corvane://connect?code=WXYZ9876&server=https%3A%2F%2Fpreview.corvane.app");
+  ASSERT_TRUE(rig.published().pendingLink);
+  rig.settle();
+  EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), "tok-old");
+
+  rig.model().confirmPendingLink();
+  EXPECT_FALSE(rig.published().pendingLink);
+  rig.settle();
+  EXPECT_EQ(rig.published().server, "https://preview.corvane.app");
+  EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), "tok-new");
+  bool pairedWithLinkCode = false;
+  for (const auto& m : rig.made()) {
+    for (const auto& r : m.api->pairs) {
+      pairedWithLinkCode |= r.code == "WXYZ9876" && m.server == "https://preview.corvane.app";
+    }
+  }
+  EXPECT_TRUE(pairedWithLinkCode);
+}
+
+TEST(AppModelLinkTest, WhatIsNotAConnectLinkChangesNothing) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.start();
+  const SetupStep before = rig.published().step;
+  for (const char* url : {"corvane://connect?code=AB", "https://corvane.app/connect?code=ABCD1234",
+                          "corvane://other?code=ABCD1234", ""}) {
+    rig.model().handleLink(url);
+    EXPECT_EQ(rig.published().step, before) << url;
+    EXPECT_FALSE(rig.published().pendingLink) << url;
+  }
+  rig.model().handleLink("corvane://connect?code=ABCD1234");
+  rig.model().cancelPendingLink();
+  EXPECT_FALSE(rig.published().pendingLink);
+}
+
+TEST(AppModelLinkTest, DisconnectForgetsTheTokenAndSaysWhy) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.defaults.setString(DefaultsKey::deviceId, "dev-0");
+  rig.start();
+  rig.model().disconnect("Bye.");
+  const auto& p = rig.published();
+  EXPECT_FALSE(p.connected);
+  EXPECT_EQ(p.phase, SyncPhase::error("Bye."));
+  EXPECT_EQ(p.pairing, PairingState::idle());
+  EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), std::nullopt);
+  EXPECT_FALSE(rig.defaults.getString(DefaultsKey::deviceId));
+  rig.model().disconnect();
+  EXPECT_EQ(p.phase, SyncPhase::idle());
+}
+
+// Permissions.
+
+TEST(AppModelPermissionTest, FullDiskPollAdvancesOnceAccessIsOn) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.probes.access = {false, false};
+  rig.start();
+  ASSERT_EQ(rig.published().step, SetupStep::fullDisk);
+  rig.model().openFullDiskSettings();
+  EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_AllFiles"});
+  EXPECT_EQ(rig.published().openedFullDiskSettingsAt, rig.scheduler.nowMs());
+
+  const int probesBefore = rig.probes.fullDiskProbes;
+  rig.scheduler.advance(6.0);
+  EXPECT_EQ(rig.probes.fullDiskProbes - probesBefore, 3);  // every 2 s
+  rig.probes.access = {true, true};
+  rig.scheduler.advance(2.0);
+  EXPECT_TRUE(rig.published().fullDiskAccess);
+  rig.scheduler.advance(1.1);
+  EXPECT_EQ(rig.published().step, SetupStep::fullDisk);
+  rig.scheduler.advance(0.1);
+  EXPECT_EQ(rig.published().step, SetupStep::automation);
+  const int probesAfter = rig.probes.fullDiskProbes;
+  rig.scheduler.advance(10.0);
+  EXPECT_EQ(rig.probes.fullDiskProbes, probesAfter);  // the poll stopped
+}
+
+TEST(AppModelPermissionTest, ClosingTheWindowStopsThePoll) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.probes.access = {false, false};
+  rig.start();
+  rig.model().openFullDiskSettings();
+  rig.model().stopPermissionPoll();
+  const int probes = rig.probes.fullDiskProbes;
+  rig.scheduler.advance(10.0);
+  EXPECT_EQ(rig.probes.fullDiskProbes, probes);
+}
+
+TEST(AppModelPermissionTest, AutomationRequestOutcomes) {
+  const struct {
+    AutomationRequest answer;
+    bool advances;
+  } cases[] = {
+      {{PermissionState::granted, std::nullopt}, true},
+      {{PermissionState::denied, std::nullopt}, false},
+      {{PermissionState::unknown, "Messages didn't answer."}, false},
+  };
+  for (const auto& c : cases) {
+    AppModelRig rig;
+    rig.pairedBefore();
+    rig.start();
+    rig.settle();
+    ASSERT_EQ(rig.published().step, SetupStep::automation);
+    const auto reportsBefore = rig.statuses().size();
+    rig.probes.automationRequestAnswer = c.answer;
+    rig.model().requestAutomation();
+    EXPECT_TRUE(rig.published().automationBusy);
+    rig.model().requestAutomation();  // while busy: not asked twice
+    rig.settle();
+    EXPECT_EQ(rig.probes.automationRequests, 1);
+    EXPECT_FALSE(rig.published().automationBusy);
+    EXPECT_EQ(rig.published().automation, c.answer.state);
+    EXPECT_EQ(rig.published().automationMessage, c.answer.message);
+    EXPECT_EQ(Permissions::loadAutomationAnswer(rig.defaults), c.answer.state);
+    EXPECT_EQ(rig.statuses().size(), reportsBefore + 1);
+    rig.scheduler.advance(0.9);
+    EXPECT_EQ(rig.published().step, SetupStep::automation);
+    rig.scheduler.advance(0.1);
+    EXPECT_EQ(rig.published().step, c.advances ? SetupStep::contacts : SetupStep::automation);
+  }
+}
+
+TEST(AppModelPermissionTest, ContactsRequestAdvancesWhenGranted) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.probes.automationAnswer = PermissionState::granted;
+  rig.start();
+  ASSERT_EQ(rig.published().step, SetupStep::contacts);
+  rig.model().requestContacts();
+  rig.settle();
+  EXPECT_EQ(rig.published().contacts, PermissionState::granted);
+  rig.scheduler.advance(0.8);
+  EXPECT_EQ(rig.published().step, SetupStep::contacts);
+  rig.scheduler.advance(0.1);
+  EXPECT_EQ(rig.published().step, SetupStep::done);
+}
+
+TEST(AppModelPermissionTest, AnAutomationProbeWithoutAnswerKeepsTheRememberedOne) {
+  AppModelRig rig;
+  rig.defaults.setString(DefaultsKey::automation, "granted");
+  rig.start();
+  EXPECT_EQ(rig.published().automation, PermissionState::granted);
+  rig.probes.automationAnswer = PermissionState::denied;
+  rig.model().refreshPermissions();
+  EXPECT_EQ(rig.published().automation, PermissionState::denied);
+  EXPECT_EQ(rig.defaults.getString(DefaultsKey::automation), "denied");
+}
+
+// The tick and the reports.
+
+TEST(AppModelReportTest, TickRefreshesNowAndEveryTenthFireReportsAndProbes) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.start();
+  rig.settle();
+  const auto reports = rig.statuses().size();
+  const int probes = rig.probes.fullDiskProbes;
+  rig.scheduler.advance(30.0);
+  rig.settle();
+  EXPECT_EQ(rig.published().now, rig.scheduler.nowMs());
+  EXPECT_EQ(rig.probes.fullDiskProbes, probes);
+  rig.scheduler.advance(8 * 30.0);
+  rig.settle();
+  EXPECT_EQ(rig.statuses().size(), reports);
+  rig.scheduler.advance(30.0);
+  rig.settle();
+  EXPECT_EQ(rig.probes.fullDiskProbes, probes + 1);
+  EXPECT_EQ(rig.statuses().size(), reports + 1);  // forced even though unchanged
+}
+
+TEST(AppModelReportTest, AnUnchangedReportWaitsFiveMinutesUnlessForced) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.start();
+  rig.settle();
+  const auto sent = [&] { return rig.statuses().size(); };
+  const auto base = sent();
+  rig.model().reportStatus(false);
+  rig.settle();
+  EXPECT_EQ(sent(), base);
+  rig.model().reportStatus(true);
+  rig.settle();
+  EXPECT_EQ(sent(), base + 1);
+  rig.scheduler.advance(299.0);
+  rig.model().reportStatus(false);
+  rig.settle();
+  EXPECT_EQ(sent(), base + 1);
+  rig.scheduler.advance(1.0);  // the tick's tenth fire reports too
+  rig.model().reportStatus(false);
+  rig.settle();
+  EXPECT_EQ(sent(), base + 3);
+  rig.probes.contacts = PermissionState::denied;  // a change goes at once
+  rig.model().refreshPermissions();
+  rig.settle();
+  EXPECT_EQ(sent(), base + 4);
+  EXPECT_EQ(rig.statuses().back().contactsAccess, PermissionState::denied);
+}
+
+TEST(AppModelReportTest, NoReportWithoutATokenOrInPreview) {
+  AppModelRig rig;
+  rig.start();
+  rig.model().reportStatus(true);
+  rig.settle();
+  EXPECT_TRUE(rig.made().empty());
+
+  AppModelRig preview;
+  preview.pairedBefore();
+  preview.options.previewMode = true;
+  preview.start();
+  preview.model().reportStatus(true);
+  preview.model().refreshOwnHandles(true);
+  preview.settle();
+  EXPECT_TRUE(preview.made().empty());
+  EXPECT_EQ(preview.probes.fullDiskProbes, 0);
+  EXPECT_FALSE(preview.published().connected);
+}
+
+TEST(AppModelReportTest, ARevokedTokenOnReportDisconnects) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.configureAPI = [](FakeAgentAPI& api, auto&, auto&) {
+    api.failWith = [](Call call) -> std::optional<APIError> {
+      if (call == Call::status) return APIError::unauthorized("Unauthorized");
+      return std::nullopt;
+    };
+  };
+  rig.start();
+  rig.settle();
+  EXPECT_FALSE(rig.published().connected);
+  EXPECT_EQ(rig.published().phase, SyncPhase::error(std::string(AppModel::disconnectedText)));
+}
+
+TEST(AppModelReportTest, OwnHandlesAreReadAtMostHourlyAndReportedWhenTheyChange) {
+  AppModelRig rig;
+  rig.options.chatDBPath = rig.dir.file("own.db");
+  {
+    testing::ChatDbBuilder db(rig.options.chatDBPath);
+    const auto self = db.oneToOne("+14155550199");
+    db.message(self, {.text = "note", .fromMe = true, .dateMs = rig.scheduler.nowMs() - 1000,
+                      .destinationCallerId = "+14155550199"});
+  }
+  rig.pairedBefore();
+  rig.start();
+  rig.settle();
+  ASSERT_FALSE(rig.statuses().empty());
+  EXPECT_EQ(rig.statuses().back().ownHandles, std::vector<std::string>{"+14155550199"});
+  rig.scheduler.advance(3000.0);
+  rig.settle();
+  rig.model().refreshOwnHandles(false);
+  EXPECT_EQ(rig.manualWorker.pending(), 0u);  // checked less than an hour ago
+  rig.model().refreshOwnHandles(true);
+  EXPECT_EQ(rig.manualWorker.pending(), 1u);
+  rig.model().refreshOwnHandles(true);  // busy: not twice
+  EXPECT_EQ(rig.manualWorker.pending(), 1u);
+  const auto reports = rig.statuses().size();
+  rig.settle();
+  EXPECT_EQ(rig.statuses().size(), reports);  // unchanged handles: no report
+}
+
+// Launch at login.
+
+TEST(AppModelLoginItemTest, ChangesOnlyWhatDiffersAndShowsFailures) {
+  AppModelRig rig;
+  rig.loginItem.enabled = true;
+  rig.start();
+  rig.model().setLaunchAtLogin(true);
+  EXPECT_EQ(rig.loginItem.registers, 0);
+  rig.model().setLaunchAtLogin(false);
+  EXPECT_EQ(rig.loginItem.unregisters, 1);
+  EXPECT_FALSE(rig.published().launchAtLogin);
+  rig.model().setLaunchAtLogin(false);
+  EXPECT_EQ(rig.loginItem.unregisters, 1);
+  rig.loginItem.failure = "Operation not permitted.";
+  rig.model().setLaunchAtLogin(true);
+  EXPECT_EQ(rig.published().loginItemError, "Operation not permitted.");
+  EXPECT_FALSE(rig.published().launchAtLogin);
+}
+
+// The bundle.
+
+TEST(AppModelBundleTest, MoveFailureIsShownAndRevealAndRelaunchUseTheApplication) {
+  AppModelRig rig;
+  rig.relocator.moveFailure = "You don't have permission.";
+  rig.start();
+  rig.model().moveToApplications();
+  EXPECT_EQ(rig.published().moveError, "You don't have permission.");
+  rig.model().revealApplication();
+  rig.model().relaunch();
+  EXPECT_EQ(rig.opener.revealed, std::vector<std::filesystem::path>{rig.options.executablePath});
+  rig.relocator.bundle = "/Applications/Corvane.app";
+  rig.model().relaunch();
+  EXPECT_EQ(rig.relocator.relaunched.back(), "/Applications/Corvane.app");
+}
+
+// Observers and lifetime.
+
+TEST(AppModelLifetimeTest, ObserversHearOfChangesOnlyAndCanLeave) {
+  AppModelRig rig;
+  int heard = 0;
+  const int key = rig.model().observe([&] { ++heard; });
+  rig.start();
+  const int afterStart = heard;
+  EXPECT_GT(afterStart, 0);
+  rig.model().cancelPendingLink();  // nothing pending: no change
+  EXPECT_EQ(heard, afterStart);
+  rig.model().unobserve(key);
+  rig.model().connectWithBrowser();
+  EXPECT_EQ(heard, afterStart);
+}
+
+TEST(AppModelLifetimeTest, WorkFinishingAfterTheModelIsGoneIsDropped) {
+  AppModelRig rig;
+  rig.pairedBefore();
+  rig.start();
+  rig.model().pair("ABCD1234", rig.server);
+  rig.model().requestAutomation();
+  ASSERT_GT(rig.manualWorker.pending(), 0u);
+  rig.destroy();
+  rig.settle();  // results are posted, and dropped
+  EXPECT_EQ(rig.scheduler.timerCount(), 0u);
+  EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), "tok-old");
+}
+
+}  // namespace
+}  // namespace corvane
