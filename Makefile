@@ -63,9 +63,11 @@ TSAN_BUILD_DIR ?= build-tsan
 # gtest_discover_tests names them), each of which must match at least one
 # test, and the files under tests/ that hold those tests.
 TSAN_TESTS ?= OsascriptTest. MemoryStateStoreTest. ContactsCacheTest. DaemonTest. APIClientTest. \
-  HeadlessE2E.DaemonStops JsonFileUserDefaultsTest.Concurrent
+  HeadlessE2E.DaemonStops JsonFileUserDefaultsTest.Concurrent AppModelSyncTest.ACycleOfAReplacedAccount \
+  AppModelSyncTest.AModelGoneWhileItsCycleRuns
 TSAN_TEST_FILES ?= send/osascript_test.cpp sync/state_store_test.cpp sync/sync_daemon_test.cpp \
-  api/api_client_test.cpp e2e/headless_e2e_test.cpp platform/user_defaults_test.cpp
+  api/api_client_test.cpp e2e/headless_e2e_test.cpp platform/user_defaults_test.cpp \
+  model/app_model_sync_test.cpp
 empty :=
 space := $(empty) $(empty)
 TSAN_PATTERNS = $(subst .,[.],$(strip $(TSAN_TESTS)))

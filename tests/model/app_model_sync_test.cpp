@@ -229,3 +229,33 @@ TEST(AppModelSyncTest, ACycleOfAReplacedAccountNeverSavesIntoTheNewOne) {
 
 }  // namespace
 }  // namespace corvane
+
+namespace corvane {
+namespace {
+
+TEST(AppModelSyncTest, AModelGoneWhileItsCycleRunsGetsNoCallback) {
+  AppModelRig rig;
+  testing::ThreadWorkerForRig threads(rig);
+  rig.pairedBefore();
+  std::promise<void> inCycle, release;
+  auto released = release.get_future().share();
+  rig.configureAPI = [&](FakeAgentAPI& api, auto&, auto&) {
+    api.failWith = [&, released](Call call) -> std::optional<APIError> {
+      if (call == Call::config) {
+        inCycle.set_value();
+        released.wait();
+      }
+      return std::nullopt;
+    };
+  };
+  rig.start();
+  inCycle.get_future().wait();
+  rig.destroy();
+  release.set_value();
+  threads.joinAll();
+  rig.scheduler.runPending();  // the cycle's result arrives for nobody
+  EXPECT_EQ(rig.scheduler.timerCount(), 0u);
+}
+
+}  // namespace
+}  // namespace corvane

@@ -226,8 +226,17 @@ class AppModelRig {
 // it destroys the model before joining the threads.
 class ThreadWorkerForRig {
  public:
-  explicit ThreadWorkerForRig(AppModelRig& rig) : rig_(rig) { rig.worker = &threads_; }
-  ~ThreadWorkerForRig() { rig_.destroy(); }
+  explicit ThreadWorkerForRig(AppModelRig& rig)
+      : rig_(rig), threads_(std::make_unique<ThreadWorker>()) {
+    rig.worker = threads_.get();
+  }
+  ~ThreadWorkerForRig() { joinAll(); }
+
+  // Destroys the model, then waits for every job to end.
+  void joinAll() {
+    rig_.destroy();
+    threads_.reset();
+  }
 
   // Runs what the threads post to the main thread until `done` holds; fails
   // the test after a generous deadline instead of hanging.
@@ -246,7 +255,7 @@ class ThreadWorkerForRig {
 
  private:
   AppModelRig& rig_;
-  ThreadWorker threads_;
+  std::unique_ptr<ThreadWorker> threads_;
 };
 
 }  // namespace corvane::testing
