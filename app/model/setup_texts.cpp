@@ -31,6 +31,9 @@ LinkConfirmation linkConfirmation(const ConnectLink& link, const AppModel::Publi
 }
 
 std::string moveFailed(std::string_view error) {
+  // The system's descriptions are sentences: their own full stop would
+  // double the one that follows.
+  if (error.ends_with('.')) error.remove_suffix(1);
   return "Couldn't move Corvane: " + std::string(error) +
          ". Drag it into Applications yourself, then open it from there.";
 }

@@ -295,6 +295,13 @@ int runApplication(int argc, char** argv) {
                           .quit = quitSoon});
   }
 
+  // Coming back to the application is when permissions granted in System
+  // Settings should show.
+  QObject::connect(&app, &QGuiApplication::applicationStateChanged, &app,
+                   [&model](Qt::ApplicationState state) {
+                     if (state == Qt::ApplicationActive) model.refreshPermissions();
+                   });
+
   FileOpenFilter fileOpen(delegate);
   app.installEventFilter(&fileOpen);
   if (instance) {

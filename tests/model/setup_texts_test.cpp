@@ -94,10 +94,13 @@ TEST_F(LinkConfirmationTest, ConnectedMacIsAskedToSwitchAccounts) {
             "This Mac is connected. Switch it to the account from this link on other.example");
 }
 
-TEST(SetupTextsTest, MoveFailureWrapsTheError) {
-  EXPECT_EQ(SetupTexts::moveFailed("The disk is full"),
-            "Couldn't move Corvane: The disk is full. Drag it into Applications yourself, then "
-            "open it from there.");
+TEST(SetupTextsTest, MoveFailureWrapsTheErrorWithOneFullStop) {
+  for (const char* error : {"The disk is full", "The disk is full."}) {
+    EXPECT_EQ(SetupTexts::moveFailed(error),
+              "Couldn't move Corvane: The disk is full. Drag it into Applications yourself, then "
+              "open it from there.")
+        << error;
+  }
 }
 
 }  // namespace
