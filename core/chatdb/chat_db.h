@@ -119,6 +119,10 @@ class ChatDB {
   // Safe to call twice.
   void close() { db_->close(); }
 
+  // The read-only, query_only connection, for readers layered on ChatDB
+  // (DirectoryCache) that run statements of their own.
+  SQLiteDB& connection() { return *db_; }
+
   // See SQLiteDB::setStatementObserver.
   void setStatementObserver(SQLiteDB::StatementObserver observer) {
     db_->setStatementObserver(std::move(observer));
@@ -148,6 +152,21 @@ class ChatDB {
   std::vector<DirectoryEntry> buildDirectory(std::int64_t sinceMs, const ContactBook& contacts,
                                              const std::set<std::string>& exclude,
                                              const std::vector<OneToOneChat>* chats = nullptr);
+
+  // An active one-to-one chat as the directory sees it: its aggregate and
+  // what its latest message says.
+  struct ChatActivity {
+    const OneToOneChat* chat = nullptr;  // with a handle
+    std::int64_t lastMs = 0;
+    std::int64_t count = 0;
+    bool lastFromMe = false;
+    std::optional<std::string> latestService;  // the latest message's "service"
+  };
+  // Merges `active` by handle in the given order (on equal times the chat
+  // merged first wins), puts names from `contacts` on the entries and sorts
+  // them newest first, then by handle. Shared by every directory reader.
+  static std::vector<DirectoryEntry> directoryEntries(const std::vector<ChatActivity>& active,
+                                                      const ContactBook& contacts);
 
   // The user's own addresses and numbers seen since `sinceMs`, at most `max`.
   std::vector<std::string> ownHandles(std::int64_t sinceMs, int max);

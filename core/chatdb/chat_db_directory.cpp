@@ -131,12 +131,12 @@ std::vector<DirectoryEntry> ChatDB::buildDirectory(std::int64_t sinceMs,
   std::unordered_map<std::int64_t, const OneToOneChat*> chats;
   for (const auto& chat : given ? *given : read) chats.emplace(chat.chatId, &chat);
 
-  struct Active {
+  struct Aggregate {
     const OneToOneChat* chat;
     std::int64_t lastMs;
     std::int64_t count;
   };
-  std::vector<Active> active;
+  std::vector<Aggregate> aggregates;
   db_->forEach(directoryAggregateSQL(), {sinceMs}, [&](const SQLRow& row) {
     const auto chatId = rows::integer(row["chatId"]);
     const auto lastMs = rows::integer(row["lastMs"]);
@@ -145,20 +145,31 @@ std::vector<DirectoryEntry> ChatDB::buildDirectory(std::int64_t sinceMs,
         !lastMs) {
       return;
     }
-    active.push_back({it->second, *lastMs, rows::integer(row["cnt"]).value_or(0)});
+    aggregates.push_back({it->second, *lastMs, rows::integer(row["cnt"]).value_or(0)});
   });
 
+  std::vector<ChatActivity> active;
+  active.reserve(aggregates.size());
+  const std::string latestSQL = latestMessageSQL();
+  for (const auto& a : aggregates) {
+    ChatActivity chat{a.chat, a.lastMs, a.count, false, std::nullopt};
+    const auto latest = db_->query(latestSQL, {a.chat->chatId});
+    if (!latest.empty()) {
+      chat.lastFromMe = rows::integer(latest.front()["fromMe"]) == 1;
+      chat.latestService = latest.front()["service"].string();
+    }
+    active.push_back(std::move(chat));
+  }
+  return directoryEntries(active, contacts);
+}
+
+std::vector<DirectoryEntry> ChatDB::directoryEntries(const std::vector<ChatActivity>& active,
+                                                     const ContactBook& contacts) {
   // Merge chats of one handle (iMessage and SMS) in the order they came.
   std::vector<std::string> order;
   std::unordered_map<std::string, Correspondent> byHandle;
-  const std::string latestSQL = latestMessageSQL();
   for (const auto& a : active) {
-    const auto latest = db_->query(latestSQL, {a.chat->chatId});
-    Correspondent c{a.lastMs, false, "", a.count};
-    if (!latest.empty()) {
-      c.lastFromMe = rows::integer(latest.front()["fromMe"]) == 1;
-      c.service = nonEmpty(latest.front()["service"].string()).value_or("");
-    }
+    Correspondent c{a.lastMs, a.lastFromMe, nonEmpty(a.latestService).value_or(""), a.count};
     if (c.service.empty()) c.service = nonEmpty(a.chat->service).value_or(kDefaultService);
 
     const std::string& handle = *a.chat->handle;
