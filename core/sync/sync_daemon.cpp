@@ -7,6 +7,7 @@
 #include <mutex>
 #include <random>
 
+#include "core/chatdb/directory_cache.h"
 #include "core/protocol/iso_time.h"
 #include "core/sync/contacts_cache.h"
 #include "core/sync/cycle_failure.h"
@@ -116,6 +117,8 @@ void recordError(StateStore& store, const std::string& description, bool dry, st
 std::int32_t runDaemon(CycleDeps deps, DaemonOptions options, std::stop_token stop) {
   auto cache = std::make_shared<ContactsCache>(options.contactsTTLSec, options.loadContacts);
   deps.contacts = [cache] { return cache->get(); };
+  // Between cycles the directory is read again only where the database changed.
+  if (!options.once && !deps.directoryCache) deps.directoryCache = std::make_shared<DirectoryCache>();
   const auto sleep = options.sleep ? options.sleep
                                    : [stop](std::int64_t s) { interruptibleSleep(s, stop); };
   const auto random = options.random ? options.random : freshRandom();

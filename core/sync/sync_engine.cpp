@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "core/chatdb/chat_db.h"
+#include "core/chatdb/directory_cache.h"
 #include "core/contacts/phone.h"
 #include "core/protocol/iso_time.h"
 #include "core/protocol/wire_json.h"
@@ -104,8 +105,13 @@ class Cycle {
     // The user's own handles are notes to self, not correspondents. The
     // chats were read at the start of the cycle; reading them again would
     // repeat the chats statement and the normalising of every handle.
-    const auto entries = db.buildDirectory(daysBefore(now_, config_.directoryDays),
-                                           book ? *book : empty, ownHandles(), &chats_);
+    const std::int64_t sinceMs = daysBefore(now_, config_.directoryDays);
+    const ContactBook& contacts = book ? *book : empty;
+    const auto entries =
+        deps_.directoryCache
+            ? deps_.directoryCache->buildDirectory(deps_.chatDBPath, sinceMs, contacts,
+                                                   ownHandles(), chats_)
+            : db.buildDirectory(sinceMs, contacts, ownHandles(), &chats_);
     Directory d;
     d.full = !state_.directoryFullAt || now_ - *state_.directoryFullAt > directoryFullRefreshMs - 1;
     for (const auto& entry : entries) {

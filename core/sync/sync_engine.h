@@ -26,6 +26,8 @@
 
 namespace corvane {
 
+class DirectoryCache;
+
 struct CycleDeps {
   std::shared_ptr<AgentAPI> api;
   std::string chatDBPath;
@@ -40,6 +42,9 @@ struct CycleDeps {
   // Checked between stages and between two outbox items, never during a
   // send; a requested stop ends the cycle with CycleStopped.
   std::stop_token stop{};
+  // Keeps the directory's aggregates from one cycle to the next; absent, the
+  // directory is read in full every cycle.
+  std::shared_ptr<DirectoryCache> directoryCache{};
 };
 
 struct CycleResult {

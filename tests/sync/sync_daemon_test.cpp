@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/chatdb/directory_cache.h"
 #include "core/protocol/iso_time.h"
 #include "core/sync/contacts_cache.h"
 #include "core/sync/sync_engine.h"
@@ -198,6 +199,21 @@ TEST_F(DaemonTest, ContactsAreLoadedOncePerTTL) {
   };
   run(3, options);
   EXPECT_EQ(loads, 1);
+}
+
+TEST_F(DaemonTest, EveryCycleSharesTheDirectoryCache) {
+  const auto cache = std::make_shared<DirectoryCache>();
+  std::stop_source stop;
+  SyncEngine::DaemonOptions options;
+  int sleeps = 0;
+  options.sleep = [&](std::int64_t) {
+    if (++sleeps == 3) stop.request_stop();
+  };
+  CycleDeps withCache = deps();
+  withCache.directoryCache = cache;
+  EXPECT_EQ(SyncEngine::runDaemon(withCache, options, stop.get_token()), 0);
+  EXPECT_EQ(cache->lastRefresh(), DirectoryCache::Refresh::unchanged)
+      << "the later cycles found the aggregates of the first";
 }
 
 TEST_F(DaemonTest, AlreadyStoppedDaemonRunsNothing) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/chatdb/directory_cache.h"
 #include "core/protocol/iso_time.h"
 #include "core/sync/self_channel.h"
 #include "tests/support/chat_db_builder.h"
@@ -113,6 +114,45 @@ TEST_F(SyncCycleTest, LaterCyclesUploadOnlyNewRosterRowsAndUnchangedDirectorySta
   EXPECT_TRUE(api->syncs.empty()) << "nothing new: no upload at all";
   EXPECT_EQ(idle.sync.batches, 0);
   EXPECT_EQ(store->state().cursor, top);
+}
+
+// An agent that keeps its directory between cycles and one that reads it
+// afresh, side by side on one database, upload the same things.
+TEST_F(SyncCycleTest, CyclesWithADirectoryCacheUploadWhatFreshReadsUpload) {
+  const auto cache = std::make_shared<DirectoryCache>();
+  const auto cachedAPI = std::make_shared<FakeAgentAPI>();
+  cachedAPI->config = api->config;
+  const auto cachedStore = std::make_shared<MemoryStateStore>();
+  const auto both = [&](const std::string& what) {
+    api->syncs.clear();
+    cachedAPI->syncs.clear();
+    const CycleResult fresh = cycle();
+    CycleDeps withCache = deps();
+    withCache.api = cachedAPI;
+    withCache.store = cachedStore;
+    withCache.directoryCache = cache;
+    EXPECT_EQ(SyncEngine::runCycle(withCache), fresh) << what;
+    ASSERT_EQ(cachedAPI->syncs.size(), api->syncs.size()) << what;
+    for (std::size_t i = 0; i < api->syncs.size(); ++i) {
+      EXPECT_EQ(cachedAPI->syncs[i].directory, api->syncs[i].directory) << what;
+    }
+    now += 60000;
+  };
+
+  message(alex, "old", 2 * kDay);
+  const auto samHi = message(sam, "hi", kDay);
+  both("the first cycle");
+  EXPECT_EQ(cache->lastRefresh(), DirectoryCache::Refresh::full);
+  both("nothing new");
+  EXPECT_EQ(cache->lastRefresh(), DirectoryCache::Refresh::unchanged);
+  message(stranger, "new", 0);
+  builder.message(alex, MessageSpec{.text = "mine", .fromMe = true, .dateMs = now, .service = "SMS"});
+  both("new messages");
+  EXPECT_EQ(cache->lastRefresh(), DirectoryCache::Refresh::incremental);
+  builder.db().run("DELETE FROM message WHERE ROWID = ?", {samHi});
+  builder.db().run("DELETE FROM chat_message_join WHERE message_id = ?", {samHi});
+  both("a message deleted");
+  EXPECT_EQ(cache->lastRefresh(), DirectoryCache::Refresh::incremental);
 }
 
 TEST_F(SyncCycleTest, DirectoryIsSentInFullEverySixHours) {
