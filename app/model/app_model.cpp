@@ -8,6 +8,7 @@
 
 #include "core/api/api_error.h"
 #include "core/chatdb/chat_db.h"
+#include "core/chatdb/directory_cache.h"
 #include "core/contacts/phone.h"
 #include "core/protocol/iso_time.h"
 #include "core/protocol/server_url.h"
@@ -385,6 +386,7 @@ void AppModel::paired(const std::string& server, const PairResponse& response) {
   // A new account starts from a fresh agent state. The old account's cycle,
   // if one runs, is stopped and can no longer save.
   stopCycle();
+  directoryCache_.reset();
   if (auto* old = dynamic_cast<AccountStateStore*>(store_.get())) old->retire();
   std::error_code ignored;
   std::filesystem::remove(options_.stateDir / FileStateStore::fileName, ignored);
@@ -653,6 +655,8 @@ void AppModel::runCycle() {
                  .now = s_.clock,
                  .stop = cycleStop_.get_token()};
   if (contactsCache_) deps.contacts = [cache = contactsCache_] { return cache->get(); };
+  if (!directoryCache_) directoryCache_ = std::make_shared<DirectoryCache>();
+  deps.directoryCache = directoryCache_;
   const std::uint64_t generation = generation_;
   offMain<Outcome<CycleResult>>(
       [deps = std::move(deps)] {

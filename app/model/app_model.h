@@ -44,6 +44,7 @@
 namespace corvane {
 
 class ContactsCache;
+class DirectoryCache;
 
 // The wizard's steps, in the wizard's order.
 enum class SetupStep { move = 0, connect = 1, fullDisk = 2, automation = 3, contacts = 4, done = 5 };
@@ -290,6 +291,7 @@ class AppModel {
   std::optional<std::string> token_;
   std::shared_ptr<StateStore> store_;  // this account's; replaced when pairing
   std::shared_ptr<ContactsCache> contactsCache_;
+  std::shared_ptr<DirectoryCache> directoryCache_;  // per account: dropped when pairing
   MainScheduler::TimerId tickTimer_ = 0, napTimer_ = 0, permissionPoll_ = 0;
   std::vector<MainScheduler::TimerId> delays_;  // one-shot waits to cancel at shutdown
   std::optional<AgentStatusRequest> lastStatusSent_;
