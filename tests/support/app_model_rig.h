@@ -121,7 +121,10 @@ class AppModelRig {
   FakeProbes probes;
   VirtualScheduler scheduler;
   ManualWorker manualWorker;
-  BackgroundWorker* worker = &manualWorker;  // a test may hand in a threaded one
+  // A test may hand in real ones instead: threads, the Qt event loop, the clock.
+  BackgroundWorker* worker = &manualWorker;
+  MainScheduler* mainScheduler = &scheduler;
+  std::function<std::int64_t()> clock = scheduler.clock();
   FakeLoginItem loginItem;
   FakeRelocator relocator;
   FakeOpener opener;
@@ -141,6 +144,8 @@ class AppModelRig {
   std::function<void(FakeAgentAPI&, const std::string& server,
                      const std::optional<std::string>& token)>
       configureAPI;
+  // When set, makes the clients instead (a real one, for end-to-end tests).
+  AppModel::APIFactory makeAPI;
 
   AppModelRig() {
     ChatDbBuilder db(chatDB);
@@ -154,15 +159,17 @@ class AppModelRig {
 
   AppModel& model() {
     if (!model_) {
+      const AppModel::APIFactory fakes = [this](const std::string& s, std::optional<std::string> t) {
+        return make(s, t);
+      };
       model_ = std::make_unique<AppModel>(
           AppModel::Services{.tokens = tokens,
                              .defaults = defaults,
                              .probes = probes,
-                             .scheduler = scheduler,
+                             .scheduler = *mainScheduler,
                              .worker = *worker,
-                             .clock = scheduler.clock(),
-                             .makeAPI = [this](const std::string& s,
-                                               std::optional<std::string> t) { return make(s, t); },
+                             .clock = clock,
+                             .makeAPI = makeAPI ? makeAPI : fakes,
                              .makeStore = {},
                              .sender = sender,
                              .loadContacts = {},
@@ -199,6 +206,14 @@ class AppModelRig {
       for (const auto c : m.api->calls) n += c == kind ? 1 : 0;
     }
     return n;
+  }
+  // Every pairing request sent, as "server code".
+  std::vector<std::string> pairings() const {
+    std::vector<std::string> all;
+    for (const auto& m : made()) {
+      for (const auto& r : m.api->pairs) all.push_back(m.server + " " + r.code);
+    }
+    return all;
   }
   std::vector<AgentStatusRequest> statuses() const {
     std::vector<AgentStatusRequest> all;

@@ -32,54 +32,27 @@ constexpr const char* kRosterHandle = "+14155550100";
 TEST(AppEndToEndTest, PairingByCodeSyncsAndTheMenuShowsIt) {
   const char* binDir = std::getenv("CORVANE_TEST_BIN_DIR");
   ASSERT_NE(binDir, nullptr);
-  testing::TempDir dir;
-  const std::string chatDB = dir.file("chat.db");
+  // Declared before the rig: the model goes first, then the threads.
+  QtMainScheduler scheduler;
+  ThreadWorker worker;
+  testing::AppModelRig rig;
+  rig.mainScheduler = &scheduler;
+  rig.worker = &worker;
+  rig.clock = nowMs;
+  rig.makeAPI = [](const std::string& url, std::optional<std::string> token) {
+    return std::make_shared<APIClient>(url, std::move(token), "corvane-mac/test");
+  };
+  rig.options.chatDBPath = rig.dir.file("recent.db");
   {
-    testing::ChatDbBuilder db(chatDB);
+    testing::ChatDbBuilder db(rig.options.chatDBPath);
     db.message(db.oneToOne(kRosterHandle),
                testing::MessageSpec{.text = "see you at six", .dateMs = nowMs() - 60000});
   }
   e2e::DevServer server(std::string(binDir) + "/corvane-devserver",
                         {"--pair-code", "DEV12345", "--roster", kRosterHandle}, {});
   ASSERT_FALSE(server.url().empty()) << server.failure();
-
-  FileTokenStore tokens{std::filesystem::path(dir.file("config"))};
-  JsonFileUserDefaults defaults{std::filesystem::path(dir.file("config/defaults.json"))};
-  defaults.setString(DefaultsKey::server, server.url());
-  testing::FakeProbes probes;
-  testing::FakeLoginItem loginItem;
-  testing::FakeRelocator relocator;
-  testing::FakeOpener opener;
-  QtMainScheduler scheduler;
-  ThreadWorker worker;  // after the scheduler: joined before it goes
-  AppModel model(
-      AppModel::Services{
-          .tokens = tokens,
-          .defaults = defaults,
-          .probes = probes,
-          .scheduler = scheduler,
-          .worker = worker,
-          .clock = nowMs,
-          .makeAPI = [](const std::string& url, std::optional<std::string> token)
-              -> std::shared_ptr<AgentAPI> {
-            return std::make_shared<APIClient>(url, std::move(token), "corvane-mac/test");
-          },
-          .makeStore = {},
-          .sender = std::make_shared<testing::RecordingSender>(),
-          .loadContacts = {},
-          .loginItem = loginItem,
-          .relocator = relocator,
-          .opener = opener,
-          .updater = nullptr,
-          .log = std::make_shared<testing::RecordingLogger>()},
-      AppModel::Options{.chatDBPath = chatDB,
-                        .stateDir = dir.file("state"),
-                        .homeDirectory = dir.path(),
-                        .executablePath = dir.file("Corvane"),
-                        .region = "US",
-                        .appVersion = "1.0.0",
-                        .osVersion = "Linux",
-                        .deviceName = "Test Mac"});
+  rig.defaults.setString(DefaultsKey::server, server.url());
+  AppModel& model = rig.model();
   SetupWindow window(model, [] {});
   TrayMenu tray(model, QIcon(), {.showSetup = [] {}, .quit = [] {}});
   model.start();
@@ -91,13 +64,14 @@ TEST(AppEndToEndTest, PairingByCodeSyncsAndTheMenuShowsIt) {
   QTest::keyClicks(qobject_cast<QLineEdit*>(child(window, "codeField")), "DEV 12345");
   click(window, "codeConnect");
 
-  const bool synced = QTest::qWaitFor([&] { return model.published().lastSyncAt.has_value(); }, 20'000);
+  const bool synced =
+      QTest::qWaitFor([&] { return model.published().lastSyncAt.has_value(); }, 20'000);
   ASSERT_TRUE(synced) << "phase: " << model.published().phase.text;
   EXPECT_TRUE(model.published().connected);
   EXPECT_EQ(model.published().userName, "Developer");
   const std::string status = tray.menu()->actions().front()->text().toStdString();
   EXPECT_EQ(status.rfind("Syncing 1 person \u00B7 last sync ", 0), 0u) << status;
-  EXPECT_EQ(tokens.load(TokenStore::deviceTokenKey).has_value(), true);
+  EXPECT_TRUE(rig.tokens.load(TokenStore::deviceTokenKey).has_value());
   EXPECT_EQ(server.state()["messages"].size(), 1u) << server.state().dump();
   model.shutdown();
 }

@@ -7,7 +7,8 @@
 #include <QSystemTrayIcon>
 #include <QTest>
 
-#include "tests/ui/app_model_fixture.h"
+#include "app/model/status_line.h"
+#include "tests/support/app_model_rig.h"
 
 namespace corvane {
 namespace {
@@ -20,14 +21,19 @@ QIcon plainIcon() {
 
 class TrayMenuTest : public ::testing::Test {
  protected:
-  testing::ModelStandIns env;
+  testing::AppModelRig rig;
   int setupShown = 0, quits = 0;
   std::unique_ptr<TrayMenu> tray;
 
-  TrayMenu& make(AppModel& model) {
-    tray = std::make_unique<TrayMenu>(model, plainIcon(),
-                                      TrayMenu::Actions{[this] { ++setupShown; }, [this] { ++quits; }});
-    return *tray;
+  // The menu over a preview model, whose published state the test sets.
+  AppModel& preview() {
+    rig.options.previewMode = true;
+    return make();
+  }
+  AppModel& make() {
+    tray = std::make_unique<TrayMenu>(
+        rig.model(), plainIcon(), TrayMenu::Actions{[this] { ++setupShown; }, [this] { ++quits; }});
+    return rig.model();
   }
   QAction* item(const char* name) {
     auto* action = tray->menu()->findChild<QAction*>(QString::fromLatin1(name));
@@ -73,7 +79,9 @@ TEST_F(TrayMenuTest, ItemsInEachState) {
     std::vector<std::string> items;
   };
   const Case cases[] = {
-      {"not connected", [] { return AppModel::Published{}; }, false,
+      {"not connected",
+       [] { return AppModel::Published{}; },
+       false,
        {"(off) Not connected", "Pause syncing", "Sync now", "Finish setup\u2026",
         "(off) Check for Updates\u2026", "Quit Corvane"}},
       {"needs permission",
@@ -127,85 +135,53 @@ TEST_F(TrayMenuTest, ItemsInEachState) {
        {"(off) This Mac was disconnected from your account.", "Pause syncing", "Sync now",
         "Setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
   };
-  AppModel& model = env.start(false, true);
-  make(model);
+  AppModel& model = preview();
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    env.defaults.setBool(DefaultsKey::setupCompleted, c.setupCompleted);
+    rig.defaults.setBool(DefaultsKey::setupCompleted, c.setupCompleted);
     model.setPreview(c.state());
     EXPECT_EQ(visibleItems(), c.items);
+    EXPECT_EQ(tray->trayIcon()->contextMenu(), tray->menu());
   }
 }
 
-TEST_F(TrayMenuTest, StatusLineCountsTheRosterAndTellsTheLastSync) {
-  AppModel& model = env.start(false, true);
-  make(model);
-  model.setPreview(syncing());
-  const std::string status = item("status")->text().toStdString();
-  EXPECT_EQ(status.rfind("Syncing 12 people \u00B7 last sync ", 0), 0u) << status;
-  EXPECT_GT(status.size(), std::string("Syncing 12 people \u00B7 last sync ").size());
-}
-
 TEST_F(TrayMenuTest, TextsAreReadAgainWhenTheMenuOpens) {
-  AppModel& model = env.start(false, true);
-  make(model);
+  preview();
   EXPECT_EQ(item("setup")->text(), "Finish setup\u2026");
   // Written by another part of the application without a model change.
-  env.defaults.setBool(DefaultsKey::setupCompleted, true);
+  rig.defaults.setBool(DefaultsKey::setupCompleted, true);
   tray->menu()->popup(QPoint(0, 0));
   EXPECT_EQ(item("setup")->text(), "Setup\u2026");
   tray->menu()->hide();
 }
 
-TEST_F(TrayMenuTest, TheTrayHoldsTheMenuItShows) {
-  AppModel& model = env.start(false, true);
-  make(model);
-  EXPECT_EQ(tray->trayIcon()->contextMenu(), tray->menu());
-  model.setPreview(syncing());
-  EXPECT_EQ(tray->trayIcon()->contextMenu(), tray->menu());
-}
-
-TEST_F(TrayMenuTest, PauseResumeAndSyncNowDriveTheLoop) {
-  AppModel& model = env.start(true);
-  make(model);
-  env.settle();  // the first status report and own-handles check
-  // The fixture starts the model paused.
+TEST_F(TrayMenuTest, TheItemsCallTheModelAndTheApplication) {
+  rig.pairedBefore();
+  rig.model().setPaused(true);
+  rig.start();
+  AppModel& model = make();
+  rig.settle();  // the first status report and own-handles check
   EXPECT_EQ(item("status")->text(), "Paused");
   choose("pause");
   EXPECT_FALSE(model.published().paused);
   EXPECT_EQ(item("pause")->text(), "Pause syncing");
-  // Resuming started a cycle; let it end (the chat database is missing here).
-  ASSERT_EQ(env.worker.pending(), 1u);
-  env.settle();
-  ASSERT_NE(model.published().phase.kind, SyncPhase::Kind::syncing);
-  EXPECT_EQ(item("status")->text().toStdString(), model.published().phase.text);
+  // Resuming started a cycle; the status line follows it.
+  ASSERT_EQ(rig.manualWorker.pending(), 1u);
+  rig.settle();
+  EXPECT_EQ(item("status")->text().toStdString(), statusLine(model.published()));
 
   choose("syncNow");
   EXPECT_EQ(model.published().phase.kind, SyncPhase::Kind::syncing);
-  EXPECT_EQ(env.worker.pending(), 1u);
+  EXPECT_EQ(rig.manualWorker.pending(), 1u);
 
   choose("pause");
   EXPECT_TRUE(model.published().paused);
   EXPECT_EQ(item("pause")->text(), "Resume syncing");
-}
 
-TEST_F(TrayMenuTest, SetupAndQuitCallTheApplication) {
-  AppModel& model = env.start(false, true);
-  make(model);
   choose("setup");
   EXPECT_EQ(setupShown, 1);
   choose("quit");
   EXPECT_EQ(quits, 1);
-}
-
-TEST_F(TrayMenuTest, RendersTheMenuAsItOpens) {
-  AppModel& model = env.start(false, true);
-  make(model);
-  model.setPreview(syncing());
-  const QImage image = tray->render();
-  ASSERT_FALSE(image.isNull());
-  EXPECT_GE(image.width(), tray->menu()->sizeHint().width());
-  EXPECT_GE(image.height(), 6 * 18);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <QLabel>
 #include <QTest>
 #include <QWidget>
+#include <vector>
 
 namespace corvane::testing {
 
@@ -21,6 +22,13 @@ inline QWidget* child(QWidget& root, const char* name) {
 inline bool shown(QWidget& root, const char* name) {
   QWidget* w = child(root, name);
   return w != nullptr && w->isVisibleTo(&root);
+}
+
+// Each of `visible` is shown and none of `hidden`.
+inline void expectShown(QWidget& root, const std::vector<const char*>& visible,
+                        const std::vector<const char*>& hidden = {}) {
+  for (const char* name : visible) EXPECT_TRUE(shown(root, name)) << name;
+  for (const char* name : hidden) EXPECT_FALSE(shown(root, name)) << name;
 }
 
 inline std::string text(QWidget& root, const char* name) {
