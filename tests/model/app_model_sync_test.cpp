@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <future>
 
 #include "app/model/app_model.h"
@@ -13,6 +12,7 @@
 #include "core/chatdb/chat_db.h"
 #include "core/chatdb/sqlite_db.h"
 #include "tests/support/app_model_rig.h"
+#include "tests/support/text_file.h"
 
 namespace corvane {
 namespace {
@@ -219,19 +219,10 @@ TEST(AppModelSyncTest, ACycleOfAReplacedAccountNeverSavesIntoTheNewOne) {
   release.set_value();
   // The new account's first cycle runs once the old one has given up.
   threads.pumpUntil([&] { return rig.published().lastSyncAt.has_value(); });
-  const std::string state = [&] {
-    std::ifstream in(rig.options.stateDir / "state.json");
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }();
+  const std::string state = testing::readFile(rig.options.stateDir / "state.json");
   EXPECT_EQ(state.find("old-1"), std::string::npos) << state;
   EXPECT_NE(state.find("lastSyncAt"), std::string::npos) << state;
 }
-
-}  // namespace
-}  // namespace corvane
-
-namespace corvane {
-namespace {
 
 TEST(AppModelSyncTest, AModelGoneWhileItsCycleRunsGetsNoCallback) {
   AppModelRig rig;

@@ -6,27 +6,17 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 
 #include "tests/support/temp_dir.h"
+#include "tests/support/text_file.h"
 
 namespace corvane {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::TempDir;
-
-std::string readFile(const fs::path& p) {
-  std::ifstream in(p);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-void writeFile(const fs::path& p, const std::string& text) {
-  fs::create_directories(p.parent_path());
-  std::ofstream(p) << text;
-}
+using testing::readFile;
+using testing::writeFile;
 
 // A bundle with an executable, a resource and a framework symlink, marked so
 // that copies can be told apart.

@@ -5,47 +5,20 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 
-#include "tests/platform/fake_env.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/text_file.h"
 
 namespace corvane {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::fakeEnv;
 using testing::TempDir;
-
-std::string readFile(const fs::path& p) {
-  std::ifstream in(p);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-void writeFile(const fs::path& p, const std::string& text) {
-  fs::create_directories(p.parent_path());
-  std::ofstream(p) << text;
-}
+using testing::readFile;
+using testing::writeFile;
 
 // 2024-06-15 12:00:00 UTC: the 15th in every time zone.
 constexpr std::time_t kMidJune = 1718452800;
-
-TEST(TrashTest, DefaultDirectoryFollowsXdgRules) {
-  const struct {
-    std::map<std::string, std::string> env;
-    fs::path expected;
-  } cases[] = {
-      {{{"HOME", "/home/ada"}}, "/home/ada/.local/share/Trash"},
-      {{{"HOME", "/home/ada"}, {"XDG_DATA_HOME", "/data/ada"}}, "/data/ada/Trash"},
-      {{{"HOME", "/home/ada"}, {"XDG_DATA_HOME", "rel"}}, "/home/ada/.local/share/Trash"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.expected);
-    EXPECT_EQ(FreedesktopTrash::defaultDirectory(fakeEnv(c.env)), c.expected);
-  }
-}
 
 TEST(TrashTest, PathIsPercentEncodedByteByByte) {
   const struct {

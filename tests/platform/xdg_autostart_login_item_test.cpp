@@ -4,37 +4,40 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
+#include "app/platform/trash.h"
 #include "tests/platform/fake_env.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/text_file.h"
 
 namespace corvane {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::fakeEnv;
+using testing::readFile;
 using testing::TempDir;
 
-std::string readFile(const fs::path& p) {
-  std::ifstream in(p);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-TEST(XdgAutostartLoginItemTest, DefaultDirectoryFollowsXdgRules) {
+// The autostart folder and the Trash: an absolute XDG variable or the
+// default under HOME.
+TEST(XdgAutostartLoginItemTest, DefaultFoldersFollowXdgRules) {
+  const auto autostart = &XdgAutostartLoginItem::defaultDirectory;
+  const auto trash = &FreedesktopTrash::defaultDirectory;
   const struct {
+    fs::path (*folder)(const UserDirectories::GetEnv&);
     std::map<std::string, std::string> env;
     fs::path expected;
   } cases[] = {
-      {{{"HOME", "/home/ada"}}, "/home/ada/.config/autostart"},
-      {{{"HOME", "/home/ada"}, {"XDG_CONFIG_HOME", "/cfg"}}, "/cfg/autostart"},
-      {{{"HOME", "/home/ada"}, {"XDG_CONFIG_HOME", "cfg"}}, "/home/ada/.config/autostart"},
+      {autostart, {{"HOME", "/home/ada"}}, "/home/ada/.config/autostart"},
+      {autostart, {{"HOME", "/home/ada"}, {"XDG_CONFIG_HOME", "/cfg"}}, "/cfg/autostart"},
+      {autostart,
+       {{"HOME", "/home/ada"}, {"XDG_CONFIG_HOME", "cfg"}},
+       "/home/ada/.config/autostart"},
+      {trash, {{"HOME", "/home/ada"}}, "/home/ada/.local/share/Trash"},
+      {trash, {{"HOME", "/home/ada"}, {"XDG_DATA_HOME", "/data/ada"}}, "/data/ada/Trash"},
+      {trash, {{"HOME", "/home/ada"}, {"XDG_DATA_HOME", "rel"}}, "/home/ada/.local/share/Trash"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(XdgAutostartLoginItem::defaultDirectory(fakeEnv(c.env)), c.expected);
-  }
+  for (const auto& c : cases) EXPECT_EQ(c.folder(fakeEnv(c.env)), c.expected);
 }
 
 TEST(XdgAutostartLoginItemTest, OnAndOffRoundTrip) {
@@ -71,7 +74,8 @@ TEST(XdgAutostartLoginItemTest, ExecQuotesThePathByTheDesktopEntryRules) {
   for (const auto& c : cases) {
     const std::string text = XdgAutostartLoginItem::entryText(c.path);
     EXPECT_NE(text.find(std::string("\nExec=") + c.exec + "\n"), std::string::npos)
-        << c.path << "\n" << text;
+        << c.path << "\n"
+        << text;
   }
 }
 

@@ -9,11 +9,11 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <sstream>
 
 #include "tests/support/temp_dir.h"
+#include "tests/support/text_file.h"
 
 namespace corvane {
 namespace {
@@ -95,11 +95,6 @@ TEST(DesktopEntryTest, TheExecLineGivesBackAnyPathAndTheLinkPlaceholder) {
   }
 }
 
-TEST(DesktopEntryTest, APlainPathStaysUnquoted) {
-  EXPECT_EQ(DesktopEntry::quoteExecArgument("/usr/bin/Corvane"), "/usr/bin/Corvane");
-  EXPECT_EQ(DesktopEntry::quoteExecArgument("/opt/a b/Corvane"), "\"/opt/a b/Corvane\"");
-}
-
 TEST(DesktopEntryTest, DeclaresTheLinkSchemeAndRefusesPathsWithLineBreaks) {
   const auto entry = DesktopEntry::text("/usr/bin/Corvane");
   ASSERT_TRUE(entry);
@@ -141,8 +136,7 @@ TEST(DesktopEntryTest, InstallWritesOnlyWhenTheTextChanges) {
   auto result = DesktopEntry::install(folder, "first\n");
   EXPECT_TRUE(result.written);
   EXPECT_FALSE(result.error);
-  std::ifstream in(file);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "first\n");
+  EXPECT_EQ(testing::readFile(file), "first\n");
 
   // Marked, so that a rewrite would show.
   ::chmod(file.c_str(), 0600);
@@ -154,15 +148,14 @@ TEST(DesktopEntryTest, InstallWritesOnlyWhenTheTextChanges) {
 
   result = DesktopEntry::install(folder, "second\n");
   EXPECT_TRUE(result.written);
-  std::ifstream again(file);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(again), {}), "second\n");
+  EXPECT_EQ(testing::readFile(file), "second\n");
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1)
       << "no temporary file left behind";
 }
 
 TEST(DesktopEntryTest, AFolderThatCantBeMadeIsReportedWithItsPath) {
   testing::TempDir temp;
-  std::ofstream(temp.file("blocker")) << "a file where the folder should be";
+  testing::writeFile(temp.file("blocker"), "a file where the folder should be");
   const fs::path folder = fs::path(temp.path()) / "blocker" / "applications";
   const auto result = DesktopEntry::install(folder, "text\n");
   EXPECT_FALSE(result.written);

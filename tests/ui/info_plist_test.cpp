@@ -5,13 +5,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <QFile>
-#include <QVariant>
 #include <QXmlStreamReader>
 #include <cstdlib>
-#include <fstream>
+#include <regex>
 
 #include "core/protocol/app_info.h"
+#include "tests/support/text_file.h"
 
 namespace corvane {
 namespace {
@@ -21,82 +20,47 @@ std::string binDir() {
   return dir ? dir : ".";
 }
 
-// The value at the reader's current start element: a string, a bool, a
-// list or a map.
-QVariant readValue(QXmlStreamReader& xml) {
-  const auto name = xml.name();
-  if (name == QLatin1String("true") || name == QLatin1String("false")) {
-    const bool value = name == QLatin1String("true");
-    xml.skipCurrentElement();
-    return value;
-  }
-  if (name == QLatin1String("string")) return xml.readElementText();
-  if (name == QLatin1String("array")) {
-    QVariantList list;
-    while (xml.readNextStartElement()) list << readValue(xml);
-    return list;
-  }
-  if (name == QLatin1String("dict")) {
-    QVariantMap map;
-    while (xml.readNextStartElement()) {
-      EXPECT_EQ(xml.name(), QLatin1String("key"));
-      const QString key = xml.readElementText();
-      EXPECT_TRUE(xml.readNextStartElement()) << key.toStdString();
-      map.insert(key, readValue(xml));
-    }
-    return map;
-  }
-  ADD_FAILURE() << "unexpected element " << name.toString().toStdString();
-  xml.skipCurrentElement();
-  return {};
-}
-
-QVariantMap readPlist(const QString& path) {
-  QFile file(path);
-  EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
-  QXmlStreamReader xml(&file);
-  EXPECT_TRUE(xml.readNextStartElement());
-  EXPECT_EQ(xml.name(), QLatin1String("plist"));
-  EXPECT_TRUE(xml.readNextStartElement());
-  const QVariantMap plist = readValue(xml).toMap();
-  while (!xml.atEnd()) xml.readNext();
-  EXPECT_FALSE(xml.hasError()) << xml.errorString().toStdString();
-  return plist;
+// The value element that follows <key>key</key>: "<true/>", a string's
+// text, or a whole array; empty when the key is missing.
+std::string valueOf(const std::string& plist, const std::string& key) {
+  const std::regex value("<key>" + key +
+                         "</key>\\s*(?:(<true/>|<false/>)|<string>([^<]*)</string>|" +
+                         "(<array>[\\s\\S]*?</array>))");
+  std::smatch m;
+  if (!std::regex_search(plist, m, value)) return {};
+  return m[1].matched ? m[1].str() : m[2].matched ? m[2].str() : m[3].str();
 }
 
 std::string cachedFeedURL() {
-  std::ifstream cache(binDir() + "/CMakeCache.txt");
-  std::string line;
-  const std::string prefix = "CORVANE_UPDATE_FEED_URL:STRING=";
-  while (std::getline(cache, line)) {
-    if (line.starts_with(prefix)) return line.substr(prefix.size());
-  }
-  return {};
+  const std::string prefix = "\nCORVANE_UPDATE_FEED_URL:STRING=";
+  const std::string cache = testing::readFile(binDir() + "/CMakeCache.txt");
+  const auto at = cache.find(prefix);
+  if (at == std::string::npos) return {};
+  const auto start = at + prefix.size();
+  return cache.substr(start, cache.find('\n', start) - start);
 }
 
 TEST(InfoPlistTest, DeclaresTheSchemeTheUsageTextsAndNoDockIcon) {
-  const QVariantMap plist = readPlist(QString::fromStdString(binDir() + "/app/Info.plist"));
-  EXPECT_THAT(plist.value("CFBundleIdentifier").toString().toStdString(),
-              ::testing::MatchesRegex("[a-z0-9-]+\\.[a-z0-9.-]+"));
-  EXPECT_EQ(plist.value("CFBundleExecutable").toString(), "Corvane");
-  EXPECT_EQ(plist.value("CFBundleShortVersionString").toString().toStdString(), AppInfo::version());
-  EXPECT_EQ(plist.value("LSUIElement"), QVariant(true));
-  EXPECT_FALSE(plist.value("NSAppleEventsUsageDescription").toString().isEmpty());
-  EXPECT_FALSE(plist.value("NSContactsUsageDescription").toString().isEmpty());
+  const std::string plist = testing::readFile(binDir() + "/app/Info.plist");
+  QXmlStreamReader xml(QByteArray::fromStdString(plist));
+  while (!xml.atEnd()) xml.readNext();
+  EXPECT_FALSE(xml.hasError()) << xml.errorString().toStdString();
 
-  QStringList schemes;
-  for (const QVariant& type : plist.value("CFBundleURLTypes").toList()) {
-    for (const QVariant& scheme : type.toMap().value("CFBundleURLSchemes").toList()) {
-      schemes << scheme.toString();
-    }
-  }
-  EXPECT_EQ(schemes, QStringList{"corvane"});
+  EXPECT_THAT(valueOf(plist, "CFBundleIdentifier"),
+              ::testing::MatchesRegex("[a-z0-9-]+\\.[a-z0-9.-]+"));
+  EXPECT_EQ(valueOf(plist, "CFBundleExecutable"), "Corvane");
+  EXPECT_EQ(valueOf(plist, "CFBundleShortVersionString"), AppInfo::version());
+  EXPECT_EQ(valueOf(plist, "LSUIElement"), "<true/>");
+  EXPECT_NE(valueOf(plist, "NSAppleEventsUsageDescription"), "");
+  EXPECT_NE(valueOf(plist, "NSContactsUsageDescription"), "");
+  const std::string schemes = valueOf(plist, "CFBundleURLSchemes");
+  EXPECT_TRUE(
+      std::regex_match(schemes, std::regex("<array>\\s*<string>corvane</string>\\s*</array>")))
+      << schemes;
 
   const std::string feed = cachedFeedURL();
-  EXPECT_EQ(plist.contains("SUFeedURL"), !feed.empty());
-  if (!feed.empty()) {
-    EXPECT_EQ(plist.value("SUFeedURL").toString().toStdString(), feed);
-  }
+  EXPECT_EQ(plist.find("<key>SUFeedURL</key>") != std::string::npos, !feed.empty());
+  EXPECT_EQ(valueOf(plist, "SUFeedURL"), feed);
 }
 
 }  // namespace

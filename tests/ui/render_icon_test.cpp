@@ -8,40 +8,19 @@
 
 #include <QImage>
 #include <QImageReader>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
 #include "app/ui/app_icon.h"
-#include "tests/e2e/child_process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/ui/corvane_process.h"
 
 namespace corvane {
 namespace {
 
-using testing::ChildProcess;
 using testing::ExitStatus;
+using testing::runCorvane;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-
-std::string executable() {
-  const char* dir = std::getenv("CORVANE_TEST_BIN_DIR");
-  return std::string(dir ? dir : ".") + "/Corvane";
-}
-
-struct Outcome {
-  std::optional<ExitStatus> status;
-  std::string err;
-};
-
-Outcome corvane(const testing::TempDir& home, std::vector<std::string> args) {
-  ChildProcess child(executable(), std::move(args), {"HOME=" + home.path()});
-  EXPECT_TRUE(child.started()) << child.spawnError();
-  Outcome run;
-  run.status = child.wait(std::chrono::seconds(60));
-  run.err = child.err();
-  return run;
-}
 
 struct Coverage {
   int transparent = 0;
@@ -75,7 +54,7 @@ TEST(RenderIconTest, WritesAPngOfTheSizeAsked) {
     std::filesystem::remove(out);
     std::vector<std::string> args{"--render-icon", out};
     args.insert(args.end(), c.sizeArgs.begin(), c.sizeArgs.end());
-    const Outcome run = corvane(temp, args);
+    const auto run = runCorvane(temp, args);
     ASSERT_EQ(run.status, ExitStatus::exit(0)) << run.err;
     EXPECT_EQ(run.err, "");
 
@@ -110,7 +89,7 @@ TEST(RenderIconTest, ABadSizeOrAnUnwritableFileFailsWithTheReason) {
   for (const Case& c : cases) {
     std::vector<std::string> args{"--render-icon", out};
     args.insert(args.end(), c.args.begin(), c.args.end());
-    const Outcome run = corvane(temp, args);
+    const auto run = runCorvane(temp, args);
     EXPECT_EQ(run.status, ExitStatus::exit(1)) << c.args.back();
     EXPECT_THAT(run.err, StartsWith("render failed: ")) << c.args.back();
     EXPECT_THAT(run.err, HasSubstr(c.reason));
@@ -119,7 +98,7 @@ TEST(RenderIconTest, ABadSizeOrAnUnwritableFileFailsWithTheReason) {
   }
 
   const std::string nowhere = temp.file("missing-folder/icon.png");
-  const Outcome run = corvane(temp, {"--render-icon", nowhere, "--size", "32"});
+  const auto run = runCorvane(temp, {"--render-icon", nowhere, "--size", "32"});
   EXPECT_EQ(run.status, ExitStatus::exit(1));
   EXPECT_THAT(run.err, StartsWith("render failed: could not write " + nowhere));
 }

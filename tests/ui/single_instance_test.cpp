@@ -1,6 +1,6 @@
 // One running application per user. In-process: a second SingleInstance on
-// another thread hands its links over the real socket, a socket file left
-// by a crash is replaced, and a folder others can enter is refused. With
+// another thread hands its links over the real socket, and a folder others
+// can enter is refused. With
 // two real processes of Corvane: a link given to the second start reaches
 // the first, which logs it without its code, and a killed first instance
 // is replaced by the next start.
@@ -8,20 +8,17 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <QSignalSpy>
 #include <QTest>
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
-#include "tests/e2e/child_process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/text_file.h"
+#include "tests/ui/corvane_process.h"
 
 namespace corvane {
 namespace {
@@ -82,28 +79,6 @@ TEST(SingleInstanceTest, TheSocketIsForThisUserOnly) {
               HasSubstr("corvane-" + std::to_string(::getuid()) + ".socket"));
 }
 
-TEST(SingleInstanceTest, ASocketLeftByACrashIsReplaced) {
-  testing::TempDir temp;
-  const QString folder = QString::fromStdString(temp.path());
-  const std::string path = SingleInstance(folder).socketPath().toStdString();
-
-  // A bound socket whose process is gone: the file stays, nobody listens.
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ::close(fd);
-  ASSERT_TRUE(fs::exists(path));
-
-  SingleInstance first(folder);
-  ASSERT_EQ(first.start({}), SingleInstance::Role::primary) << first.errorString().toStdString();
-  QSignalSpy urls(&first, &SingleInstance::urlReceived);
-  EXPECT_EQ(startElsewhere(folder, {"corvane://connect?code=CCCC3333"}),
-            SingleInstance::Role::handedOver);
-  EXPECT_TRUE(QTest::qWaitFor([&] { return urls.count() == 1; }, 10000));
-}
-
 TEST(SingleInstanceTest, ARunningInstanceThatNeverAnswersIsAFailureNotAHandOver) {
   testing::TempDir temp;
   const QString folder = QString::fromStdString(temp.path());
@@ -161,23 +136,8 @@ TEST(SingleInstanceTest, TheFallbackFolderMustBePrivate) {
 // Two processes of the real executable, each in the same temporary home.
 class TwoProcessesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    for (const char* folder : {"home", "run", "config", "data"}) {
-      fs::create_directories(temp.file(folder));
-    }
-    ::chmod(temp.file("run").c_str(), 0700);
-  }
-
   std::unique_ptr<ChildProcess> start(std::vector<std::string> args) {
-    const char* dir = std::getenv("CORVANE_TEST_BIN_DIR");
-    auto child = std::make_unique<ChildProcess>(
-        std::string(dir ? dir : ".") + "/Corvane", std::move(args),
-        std::vector<std::string>{"HOME=" + temp.file("home"), "XDG_RUNTIME_DIR=" + temp.file("run"),
-                                 "XDG_CONFIG_HOME=" + temp.file("config"),
-                                 "XDG_DATA_HOME=" + temp.file("data"), "QT_QPA_PLATFORM=offscreen",
-                                 "PATH=/nonexistent"});
-    EXPECT_TRUE(child->started()) << child->spawnError();
-    return child;
+    return testing::startCorvane(temp, std::move(args));
   }
 
   static constexpr const char* kRunning = " running; links reach it through ";
@@ -195,8 +155,7 @@ TEST_F(TwoProcessesTest, ALinkGivenToASecondStartReachesTheFirstWithoutItsCode) 
   EXPECT_THAT(second->err(), Not(HasSubstr(kRunning)));
 
   // The desktop entry points links at this executable.
-  std::ifstream entry(temp.file("data/applications/corvane.desktop"));
-  const std::string text(std::istreambuf_iterator<char>(entry), {});
+  const std::string text = testing::readFile(temp.file("data/applications/corvane.desktop"));
   EXPECT_THAT(text, HasSubstr("MimeType=x-scheme-handler/corvane;"));
   EXPECT_THAT(text, HasSubstr("/Corvane %u\n"));
 

@@ -1,68 +1,44 @@
+// "--snapshot-setup DIR" through the real executable: every screen and the
+// menu as PNG files, the screens at the window's size.
 #include "app/ui/snapshots.h"
 
 #include <gtest/gtest.h>
 
 #include <QDir>
-#include <QFile>
 #include <QImage>
-#include <QProcess>
-#include <cstdlib>
 
-#include "tests/support/temp_dir.h"
+#include "tests/support/text_file.h"
+#include "tests/ui/corvane_process.h"
 
 namespace corvane {
 namespace {
 
-struct Outcome {
-  int exitCode = -1;
-  QString out, err;
-};
-
-// The real executable, with a home of its own so nothing of this machine's
-// settings is read or written.
-Outcome runCorvane(const QStringList& arguments, const testing::TempDir& home) {
-  const char* bin = std::getenv("CORVANE_TEST_BIN_DIR");
-  EXPECT_NE(bin, nullptr) << "CORVANE_TEST_BIN_DIR is not set";
-  QProcess process;
-  QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-  env.insert("QT_QPA_PLATFORM", "offscreen");
-  env.insert("HOME", QString::fromStdString(home.path()));
-  env.insert("XDG_CONFIG_HOME", QString::fromStdString(home.file("config")));
-  env.insert("XDG_DATA_HOME", QString::fromStdString(home.file("data")));
-  env.insert("XDG_RUNTIME_DIR", QString::fromStdString(home.path()));
-  process.setProcessEnvironment(env);
-  process.start(QString::fromUtf8(bin ? bin : ".") + "/Corvane", arguments);
-  EXPECT_TRUE(process.waitForFinished(120'000)) << "Corvane did not finish";
-  return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-          QString::fromUtf8(process.readAllStandardOutput()),
-          QString::fromUtf8(process.readAllStandardError())};
-}
+using testing::ExitStatus;
+using testing::runCorvane;
 
 TEST(SnapshotSetupTest, WritesEveryScreenAndTheMenuAsPngFiles) {
-  testing::TempDir home;
-  const QString dir = QString::fromStdString(home.file("docs/screenshots"));
-  const Outcome run = runCorvane({"--snapshot-setup", dir}, home);
-  ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+  testing::TempDir temp;
+  const std::string dir = temp.file("docs/screenshots");
+  const auto run = runCorvane(temp, {"--snapshot-setup", dir});
+  ASSERT_EQ(run.status, ExitStatus::exit(0)) << run.err;
   EXPECT_EQ(run.out, "screenshots to " + dir + "\n");
 
   const QStringList names = snapshotNames();
-  for (const char* required : {"1b-connect-waiting.png", "2-full-disk-access.png",
-                               "2b-full-disk-granted.png", "3b-automation-denied.png",
-                               "menu-syncing.png", "menu-not-connected.png"}) {
+  for (const char* required :
+       {"1b-connect-waiting.png", "2-full-disk-access.png", "2b-full-disk-granted.png",
+        "3b-automation-denied.png", "menu-syncing.png", "menu-not-connected.png"}) {
     EXPECT_TRUE(names.contains(QString::fromLatin1(required))) << required;
   }
-  QStringList written = QDir(dir).entryList(QDir::Files, QDir::Name);
   QStringList expected = names;
   expected.sort();
-  EXPECT_EQ(written, expected);
+  EXPECT_EQ(QDir(QString::fromStdString(dir)).entryList(QDir::Files, QDir::Name), expected);
 
   for (const QString& name : names) {
     SCOPED_TRACE(name.toStdString());
-    QFile file(QDir(dir).filePath(name));
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(file.read(8) == QByteArray("\x89PNG\r\n\x1a\n", 8));
+    const std::string path = dir + "/" + name.toStdString();
+    EXPECT_EQ(testing::readFile(path).substr(0, 8), std::string("\x89PNG\r\n\x1a\n", 8));
     QImage image;
-    ASSERT_TRUE(image.load(file.fileName(), "PNG"));
+    ASSERT_TRUE(image.load(QString::fromStdString(path), "PNG"));
     if (name.startsWith("menu-")) {
       EXPECT_GT(image.width(), 200);
       EXPECT_GT(image.height(), 150);
@@ -73,15 +49,13 @@ TEST(SnapshotSetupTest, WritesEveryScreenAndTheMenuAsPngFiles) {
 }
 
 TEST(SnapshotSetupTest, FolderThatCantBeMadeFails) {
-  testing::TempDir home;
-  QFile blocker(QString::fromStdString(home.file("file")));
-  ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
-  blocker.close();
-  const QString dir = blocker.fileName() + "/shots";
-  const Outcome run = runCorvane({"--snapshot-setup", dir}, home);
-  EXPECT_EQ(run.exitCode, 1);
-  EXPECT_TRUE(run.err.contains(dir)) << run.err.toStdString();
-  EXPECT_FALSE(run.out.contains("screenshots to"));
+  testing::TempDir temp;
+  testing::writeFile(temp.file("file"), "");
+  const std::string dir = temp.file("file/shots");
+  const auto run = runCorvane(temp, {"--snapshot-setup", dir});
+  EXPECT_EQ(run.status, ExitStatus::exit(1));
+  EXPECT_NE(run.err.find(dir), std::string::npos) << run.err;
+  EXPECT_EQ(run.out.find("screenshots to"), std::string::npos);
 }
 
 }  // namespace
