@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "app/model/thread_worker.h"
 #include "core/api/api_error.h"
 #include "core/chatdb/chat_db.h"
@@ -66,18 +65,6 @@ TEST(AppModelStartTest, ExpectLinkSwitchWaitsForTheBrowser) {
   rig.options.qaExpectLink = true;
   rig.start();
   EXPECT_EQ(rig.published().pairing, PairingState::waitingForBrowser(rig.scheduler.nowMs()));
-}
-
-TEST(AppModelStartTest, ReportsStatusOnceAndReadsOwnHandles) {
-  AppModelRig rig;
-  rig.pairedBefore();
-  rig.start();
-  rig.settle();
-  ASSERT_GE(rig.statuses().size(), 1u);
-  const AgentStatusRequest first = rig.statuses().front();
-  EXPECT_EQ(first.appVersion, "1.2.3");
-  EXPECT_TRUE(first.fullDiskAccess);
-  for (const auto& m : rig.made()) EXPECT_EQ(m.token, "tok-old");
 }
 
 // Steps.
@@ -226,12 +213,9 @@ TEST(AppModelPairTest, CodeLengthIsCountedWithoutBlanks) {
     rig.start();
     rig.model().pair(c.typed, rig.server);
     rig.settle();
-    std::vector<std::string> sent;
-    for (const auto& m : rig.made()) {
-      for (const auto& r : m.api->pairs) sent.push_back(r.code);
-    }
+    const auto sent = rig.pairings();
     if (c.sent) {
-      EXPECT_EQ(sent, std::vector<std::string>{*c.sent}) << c.typed;
+      EXPECT_EQ(sent, std::vector<std::string>{rig.server + " " + *c.sent}) << c.typed;
       EXPECT_TRUE(rig.published().connected) << c.typed;
     } else {
       EXPECT_TRUE(sent.empty()) << c.typed;
@@ -367,13 +351,7 @@ TEST(AppModelLinkTest, WithoutConnectPressedOrWhenConnectedTheLinkWaitsForConfir
   rig.settle();
   EXPECT_EQ(rig.published().server, "https://preview.corvane.app");
   EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), "tok-new");
-  bool pairedWithLinkCode = false;
-  for (const auto& m : rig.made()) {
-    for (const auto& r : m.api->pairs) {
-      pairedWithLinkCode |= r.code == "WXYZ9876" && m.server == "https://preview.corvane.app";
-    }
-  }
-  EXPECT_TRUE(pairedWithLinkCode);
+  EXPECT_EQ(rig.pairings(), std::vector<std::string>{"https://preview.corvane.app WXYZ9876"});
 }
 
 TEST(AppModelLinkTest, WhatIsNotAConnectLinkChangesNothing) {
@@ -605,6 +583,8 @@ TEST(AppModelReportTest, OwnHandlesAreReadAtMostHourlyAndReportedWhenTheyChange)
   rig.settle();
   ASSERT_FALSE(rig.statuses().empty());
   EXPECT_EQ(rig.statuses().back().ownHandles, std::vector<std::string>{"+14155550199"});
+  EXPECT_EQ(rig.statuses().back().appVersion, "1.2.3");
+  for (const auto& m : rig.made()) EXPECT_EQ(m.token, "tok-old");
   rig.scheduler.advance(3000.0);
   rig.settle();
   rig.model().refreshOwnHandles(false);

@@ -55,43 +55,40 @@ TEST(SetupTextsTest, ServerHostDropsSchemeAndPort) {
   EXPECT_EQ(SetupTexts::serverHost("not a url"), "not a url");
 }
 
-class LinkConfirmationTest : public ::testing::Test {
- protected:
-  std::string trustedServer = "https://" + *ServerURL::trustedHosts().begin();
-  AppModel::Published published;
-};
-
-TEST_F(LinkConfirmationTest, TrustedLinkServerAsksWithoutWarning) {
-  published.server = "http://127.0.0.1:8787";
-  auto c = SetupTexts::linkConfirmation({"ABCD1234", trustedServer}, published);
-  EXPECT_EQ(c.question, "Connect this Mac to the Corvane account at " +
-                            *ServerURL::trustedHosts().begin());
-  EXPECT_FALSE(c.untrusted);
-}
-
-TEST_F(LinkConfirmationTest, LinkWithoutServerUsesTheCurrentOneAndWarnsWhenUntrusted) {
-  published.server = "http://127.0.0.1:8787";
-  auto c = SetupTexts::linkConfirmation({"ABCD1234", std::nullopt}, published);
-  EXPECT_EQ(c.question, "Connect this Mac to the Corvane account at 127.0.0.1");
-  EXPECT_TRUE(c.untrusted);
-
-  published.server = trustedServer;
-  EXPECT_FALSE(SetupTexts::linkConfirmation({"ABCD1234", std::nullopt}, published).untrusted);
-}
-
-TEST_F(LinkConfirmationTest, ConnectedMacIsAskedToSwitchAccounts) {
-  published.server = trustedServer;
-  published.connected = true;
-  published.userName = "Sam Lee";
-  auto c = SetupTexts::linkConfirmation({"ABCD1234", "https://other.example"}, published);
-  EXPECT_EQ(c.question,
-            "This Mac is connected as Sam Lee. Switch it to the account from this link on "
-            "other.example");
-  EXPECT_TRUE(c.untrusted);
-
-  published.userName.reset();
-  EXPECT_EQ(SetupTexts::linkConfirmation({"ABCD1234", "https://other.example"}, published).question,
-            "This Mac is connected. Switch it to the account from this link on other.example");
+TEST(SetupTextsTest, LinkConfirmationNamesTheAccountAndWarnsOfAnUnusualServer) {
+  const std::string trustedHost = *ServerURL::trustedHosts().begin();
+  const std::string trusted = "https://" + trustedHost;
+  struct Case {
+    std::string current;
+    std::optional<std::string> linkServer;
+    std::optional<std::string> connectedAs;  // "": connected, no name known
+    std::string question;
+    bool untrusted;
+  };
+  const Case cases[] = {
+      {"http://127.0.0.1:8787", trusted, std::nullopt,
+       "Connect this Mac to the Corvane account at " + trustedHost, false},
+      // Without a server the link is for the current one.
+      {"http://127.0.0.1:8787", std::nullopt, std::nullopt,
+       "Connect this Mac to the Corvane account at 127.0.0.1", true},
+      {trusted, std::nullopt, std::nullopt,
+       "Connect this Mac to the Corvane account at " + trustedHost, false},
+      {trusted, "https://other.example", "Sam Lee",
+       "This Mac is connected as Sam Lee. Switch it to the account from this link on "
+       "other.example",
+       true},
+      {trusted, "https://other.example", "",
+       "This Mac is connected. Switch it to the account from this link on other.example", true},
+  };
+  for (const auto& c : cases) {
+    AppModel::Published published;
+    published.server = c.current;
+    published.connected = c.connectedAs.has_value();
+    if (c.connectedAs && !c.connectedAs->empty()) published.userName = c.connectedAs;
+    const auto confirmation = SetupTexts::linkConfirmation({"ABCD1234", c.linkServer}, published);
+    EXPECT_EQ(confirmation.question, c.question);
+    EXPECT_EQ(confirmation.untrusted, c.untrusted) << c.question;
+  }
 }
 
 TEST(SetupTextsTest, MoveFailureWrapsTheErrorWithOneFullStop) {

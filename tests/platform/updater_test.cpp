@@ -63,13 +63,6 @@ TEST(UpdaterTest, CanCheckMirrorsTheFrameworkAndChecksGoToTheController) {
   EXPECT_EQ(h.checks, 1);
 }
 
-TEST(UpdaterTest, ScheduledUpdatesAreShownByTheFrameworkGently) {
-  Harness h(true);
-  EXPECT_TRUE(Updater::supportsGentleScheduledUpdateReminders);
-  EXPECT_TRUE(h.updater->shouldHandleShowingScheduledUpdate(true));
-  EXPECT_TRUE(h.updater->shouldHandleShowingScheduledUpdate(false));
-}
-
 TEST(UpdaterTest, UpdateSessionsSetTheVersionAndTheDockIcon) {
   using Event = std::function<void(Harness&)>;
   const Event scheduled = [](Harness& h) { h.updater->willHandleShowingUpdate("2.1", false); };

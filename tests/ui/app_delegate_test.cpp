@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/recording.h"
+
 namespace corvane {
 namespace {
 
@@ -26,14 +28,6 @@ class RecordingPolicy final : public ActivationPolicy {
 
  private:
   std::vector<std::string>& events_;
-};
-
-class RecordingLogger final : public SyncLogger {
- public:
-  void info(const std::string& line) override { lines.push_back(line); }
-  void warn(const std::string& line) override { lines.push_back(line); }
-  void error(const std::string& line) override { lines.push_back(line); }
-  std::vector<std::string> lines;
 };
 
 class AppDelegateTest : public ::testing::Test {
@@ -62,7 +56,7 @@ class AppDelegateTest : public ::testing::Test {
   bool otherWindow = false;
   std::function<void(const std::string&)> onLink;
   RecordingPolicy policy{events};
-  std::shared_ptr<RecordingLogger> log = std::make_shared<RecordingLogger>();
+  std::shared_ptr<testing::RecordingLogger> log = std::make_shared<testing::RecordingLogger>();
   AppDelegate delegate{hooks(), policy, log};
 };
 
@@ -126,18 +120,14 @@ TEST_F(AppDelegateTest, TheWindowOpensAtLaunchOnlyWhenSetupIsNeededOrLinksWait) 
   }
 }
 
-TEST_F(AppDelegateTest, ALinkAfterLaunchGoesToTheModelAtOnceAndBringsUpTheWindow) {
+TEST_F(AppDelegateTest, AfterLaunchALinkGoesToTheModelAtOnceAndReopeningShowsTheWindow) {
   delegate.launchFinished();
   events.clear();
   delegate.openURL("corvane://connect?code=ABCD1234");
   EXPECT_THAT(events,
               ElementsAre("link corvane://connect?code=ABCD1234", "step", "regular", "window"));
-}
-
-TEST_F(AppDelegateTest, ReopeningShowsTheWindowEvenWhenSetupIsDone) {
-  delegate.launchFinished();
   events.clear();
-  delegate.reopen();
+  delegate.reopen();  // setup is done: the window shows all the same
   EXPECT_THAT(events, ElementsAre("step", "regular", "window"));
 }
 
@@ -161,8 +151,8 @@ TEST_F(AppDelegateTest, EveryLinkIsLoggedByItsSchemeAndHostWhetherItWaitsOrNot) 
   delegate.openURL("corvane://connect?code=SECRET11");
   delegate.launchFinished();
   delegate.openURL("corvane://connect?code=SECRET22&server=https%3A%2F%2Fcorvane.app");
-  EXPECT_THAT(log->lines, ElementsAre("Corvane: received corvane://connect link",
-                                      "Corvane: received corvane://connect link"));
+  EXPECT_THAT(log->lines(), ElementsAre("info: Corvane: received corvane://connect link",
+                                        "info: Corvane: received corvane://connect link"));
 }
 
 TEST(AppDelegateReceivedLine, NamesSchemeAndHostAndNeverThePathOrQuery) {
