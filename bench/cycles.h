@@ -21,6 +21,11 @@ class CycleRunner {
   CycleResult run(std::int64_t nowMs);
   // Forgets the agent state, so that the next cycle is a first one.
   void forgetState();
+  // Keeps the directory in `cache` from one cycle to the next, as the daemon
+  // does; nullptr reads it in full every cycle.
+  void useDirectoryCache(std::shared_ptr<DirectoryCache> cache) {
+    deps_.directoryCache = std::move(cache);
+  }
   // Seconds spent inside the sync calls (encoding, upload and the answer)
   // since the last take.
   double takeSyncSeconds();

@@ -22,6 +22,7 @@
 #include "bench/sql_floor.h"
 #include "bench/timing.h"
 #include "core/chatdb/chat_db.h"
+#include "core/chatdb/directory_cache.h"
 #include "core/protocol/wire_json.h"
 #include "tests/support/temp_dir.h"
 #include "tools/chatdb-gen/roster.h"
@@ -240,8 +241,90 @@ Line memoryLine(std::string figure, const MemoryFigure& m) {
 struct TargetFigures {
   std::int64_t size = 0;
   double extraction = 0, directory = 0, idle = 0, upload = 0;
+  // Cycles that keep the directory between them, against the directory floor.
+  double cachedUnchanged = 0, cachedNewMessage = 0, cachedDeleted = 0, cachedFirst = 0;
   std::optional<MemoryFigure> memory;
 };
+
+// Cycles of an agent that keeps its directory between cycles (the daemon and
+// the application do), on a copy of the database that the benchmark changes
+// between runs as the Messages application would. The floor is the idle
+// cycle's: the directory statements and maxRowId on the original.
+void cachedCycles(const std::string& path, BenchServer& server, std::size_t runs,
+                  std::int64_t chat, const Operation& floorOp,
+                  std::vector<Line>& lines, TargetFigures& result) {
+  testing::TempDir work;
+  const std::string copy = work.file("chat.db");
+  std::filesystem::copy_file(path, copy);
+  SQLiteDB writer(copy, /*readOnly=*/false);
+  testing::TempDir stateDir;
+  CycleRunner runner(server.url(), copy, stateDir.path());
+  const auto cache = std::make_shared<DirectoryCache>();
+  runner.useDirectoryCache(cache);
+  std::int64_t nowMs = kEndMs + kIdleLaterMs;
+  runner.run(nowMs);
+
+  // Each timed cycle must have taken the path its line names.
+  const auto cycleExpecting = [&](DirectoryCache::Refresh expected, const char* what) {
+    return [&, expected, what] {
+      runner.run(nowMs);
+      if (cache->lastRefresh() != expected) {
+        throw std::runtime_error(std::string("the cached cycle after ") + what +
+                                 " did not take the expected path");
+      }
+      return 0.0;
+    };
+  };
+  const auto line = [&](const std::string& figure, const MeasuredPair& m, double& ratio) {
+    lines.push_back(timeLine(figure, m));
+    ratio = m.agent.wall.median / m.floor.wall.median;
+  };
+
+  line("cached cycle, database unchanged (floor: directory + maxRowId)",
+       measurePair(runs, cycleExpecting(DirectoryCache::Refresh::unchanged, "no change"), floorOp),
+       result.cachedUnchanged);
+
+  std::int64_t guid = 0;
+  const auto arrive = [&] {
+    nowMs += 60000;
+    const std::int64_t date = ChatDB::toAppleNanos(nowMs);
+    const std::int64_t rowid = writer.run(
+        "INSERT INTO message (guid, text, date, is_from_me, service) VALUES (?, ?, ?, 0, ?)",
+        {"bench-new-" + std::to_string(++guid), "a new message", date, "iMessage"});
+    writer.run("INSERT INTO chat_message_join (chat_id, message_id, message_date) VALUES (?, ?, ?)",
+               {chat, rowid, date});
+  };
+  line("cached cycle, one new message in one chat",
+       measurePair(runs, cycleExpecting(DirectoryCache::Refresh::incremental, "a new message"),
+                   floorOp, arrive),
+       result.cachedNewMessage);
+
+  // Older messages of the same chat, one deleted before each run.
+  std::vector<std::int64_t> victims;
+  for (const auto& row : writer.query(
+           "SELECT message_id AS id FROM chat_message_join WHERE chat_id = ? ORDER BY message_id "
+           "LIMIT ?",
+           {chat, static_cast<std::int64_t>(runs + 1)})) {
+    victims.push_back(row["id"].int64().value_or(0));
+  }
+  const auto remove = [&] {
+    if (victims.empty()) throw std::runtime_error("no message left to delete");
+    const std::int64_t id = victims.back();
+    victims.pop_back();
+    writer.run("DELETE FROM message WHERE ROWID = ?", {id});
+    writer.run("DELETE FROM chat_message_join WHERE message_id = ?", {id});
+    nowMs += 60000;
+  };
+  line("cached cycle, one message deleted",
+       measurePair(runs, cycleExpecting(DirectoryCache::Refresh::incremental, "a deletion"),
+                   floorOp, remove),
+       result.cachedDeleted);
+
+  line("cached cycle, first after start (nothing cached)",
+       measurePair(runs, cycleExpecting(DirectoryCache::Refresh::full, "a start"), floorOp,
+                   [&] { cache->clear(); }),
+       result.cachedFirst);
+}
 
 TargetFigures benchSize(const Options& options, const std::string& self, BenchServer& server,
                         std::int64_t messages, bool largest) {
@@ -329,6 +412,14 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
                    timeRange(idle.floor.cpu),
                    ratioOf(idle.agent.cpu.median, idle.floor.cpu.median)});
   result.idle = idle.agent.wall.median / idle.floor.wall.median;
+
+  cachedCycles(path, server, runs, rosterChats.begin()->first,
+               [&] {
+                 floor.directory(db, idleSince365);
+                 floor.run(maxSQL, {});
+                 return 0.0;
+               },
+               lines, result);
 
   server.resetCounts();
   runner.forgetState();
@@ -434,6 +525,10 @@ int run(int argc, char** argv) {
       {"buildDirectory vs its SQL floor", f.directory, 1.2, false, on},
       {"idle cycle vs directory + maxRowId floor", f.idle, 1.5, false, on},
       {"first cycle: encoding + upload vs extraction", f.upload, 0.5, false, on},
+      {"cached cycle, unchanged vs directory floor", f.cachedUnchanged, 0.05, false, on},
+      {"cached cycle, one new message vs directory floor", f.cachedNewMessage, 0.15, false, on},
+      {"cached cycle, one deletion vs directory floor", f.cachedDeleted, 0.30, false, on},
+      {"cached cycle, first after start vs directory floor", f.cachedFirst, 1.05, false, on},
   };
   if (f.memory) {
     targets.push_back({"first cycle: memory added vs JSON uploaded",

@@ -52,11 +52,18 @@ Measured measure(std::size_t runs, const Operation& op) {
 }
 
 MeasuredPair measurePair(std::size_t runs, const Operation& agent, const Operation& floor) {
+  return measurePair(runs, agent, floor, [] {});
+}
+
+MeasuredPair measurePair(std::size_t runs, const Operation& agent, const Operation& floor,
+                         const std::function<void()>& prepare) {
+  prepare();
   agent();
   floor();
   std::vector<Sample> a, f;
   for (std::size_t i = 0; i < runs; ++i) {
     f.push_back(timeOnce(floor));
+    prepare();
     a.push_back(timeOnce(agent));
   }
   return {summarizeAll(a), summarizeAll(f)};

@@ -41,5 +41,9 @@ struct MeasuredPair {
   Measured agent, floor;
 };
 MeasuredPair measurePair(std::size_t runs, const Operation& agent, const Operation& floor);
+// The same with `prepare` run, untimed, before each run of `agent` (the
+// warm-up's included): a change the agent's run then has to take in.
+MeasuredPair measurePair(std::size_t runs, const Operation& agent, const Operation& floor,
+                         const std::function<void()>& prepare);
 
 }  // namespace corvane::bench
