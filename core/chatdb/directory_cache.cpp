@@ -34,11 +34,6 @@ namespace {
 // IN lists are cut to this many ids, well below SQLite's variable limit.
 constexpr std::size_t kIdsPerStatement = 500;
 
-// A message the directory counts: not a reaction, not a non-message item.
-const std::string kCounted =
-    "m.ROWID IS NOT NULL AND COALESCE(m.item_type, 0) = 0 AND "
-    "COALESCE(m.associated_message_type, 0) = 0";
-
 // Count and sum of message ids of a chat's join rows: a chat that lost rows
 // can't keep both.
 struct Totals {
@@ -46,14 +41,16 @@ struct Totals {
   bool operator==(const Totals&) const = default;
 };
 
-// Per chat, for the join rows `where` selects: their totals, and the
-// directory's count and newest date of the messages they join.
+// Per chat, for the join rows `where` selects: their count and sum of message
+// ids, and the directory's count and newest date of the messages they join.
+// The left join leaves the message's columns NULL for a message that doesn't
+// count (a reaction, a non-message item) or no longer exists.
 std::string aggregateSQL(const std::string& where) {
   return "SELECT cmj.chat_id AS chatId, COUNT(*) AS n, SUM(cmj.message_id) AS s,\n"
-         "       COUNT(CASE WHEN " + kCounted + " THEN 1 END) AS cnt,\n"
-         "       MAX(CASE WHEN " + kCounted + " THEN " + appleDateToUnixMsSQL("m.date") +
-         " END) AS lastMs\nFROM chat_message_join cmj LEFT JOIN message m ON m.ROWID = "
-         "cmj.message_id\nWHERE " + where + "\nGROUP BY cmj.chat_id";
+         "       COUNT(m.ROWID) AS cnt, MAX(" + appleDateToUnixMsSQL("m.date") +
+         ") AS lastMs\nFROM chat_message_join cmj LEFT JOIN message m ON m.ROWID = "
+         "cmj.message_id\n  AND COALESCE(m.item_type, 0) = 0 AND "
+         "COALESCE(m.associated_message_type, 0) = 0\nWHERE " + where + "\nGROUP BY cmj.chat_id";
 }
 
 Totals totalsOf(const SQLRow& row) {
