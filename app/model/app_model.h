@@ -138,7 +138,6 @@ class AppModel {
   struct Options {
     std::string chatDBPath;
     std::filesystem::path stateDir;  // holds "state.json"
-    std::filesystem::path homeDirectory;
     std::filesystem::path executablePath;  // revealed and relaunched outside a bundle
     std::optional<std::string> region{};
     std::string appVersion;

@@ -251,7 +251,6 @@ int runApplication(int argc, char** argv) {
                  AppModel::Options{
                      .chatDBPath = chatDBPath,
                      .stateDir = stateDir,
-                     .homeDirectory = UserDirectories::home(UserDirectories::processEnvironment),
                      .executablePath = QCoreApplication::applicationFilePath().toStdString(),
                      .region = region,
                      .appVersion = AppInfo::version(),

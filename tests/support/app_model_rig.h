@@ -134,7 +134,6 @@ class AppModelRig {
   std::string chatDB = dir.file("chat.db");
   AppModel::Options options{.chatDBPath = chatDB,
                             .stateDir = dir.file("state"),
-                            .homeDirectory = dir.path(),
                             .executablePath = dir.file("Corvane"),
                             .region = "US",
                             .appVersion = "1.2.3",
