@@ -1,6 +1,7 @@
 #include "app/headless/headless_runner.h"
 
 #include <filesystem>
+#include <system_error>
 
 #include "core/api/api_client.h"
 #include "core/chatdb/chat_db.h"
@@ -35,6 +36,22 @@ std::string upper(std::string s) {
     if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
   }
   return s;
+}
+
+// Whether two directories are one. A path that can't be examined (a parent
+// without search permission, a symlink loop, an overlong name) is compared as
+// written: the flows that use it report the failure in their own words.
+bool samePlace(const fs::path& a, const fs::path& b) {
+  std::error_code errorA, errorB;
+  const fs::path realA = fs::weakly_canonical(a, errorA);
+  const fs::path realB = fs::weakly_canonical(b, errorB);
+  if (!errorA && !errorB) return realA == realB;
+  const auto written = [](const fs::path& p) {
+    std::error_code ignored;
+    const fs::path absolute = fs::absolute(p, ignored);
+    return ((absolute.empty() ? p : absolute) / "").lexically_normal();
+  };
+  return written(a) == written(b);
 }
 
 // Everything the one-shot flows and the daemon share, resolved once.
@@ -105,10 +122,15 @@ int reportStatus(APIClient& client, const Setup& setup, HeadlessEnvironment& env
 int runDaemon(const CommandLine& args, const Setup& setup, HeadlessEnvironment& env,
               const std::string& token) {
   const auto log = env.log;
+  auto store = std::make_shared<FileStateStore>(setup.home);
   std::shared_ptr<MessageSender> sender;
   if (args.flag("--fake-send")) {
-    std::error_code ignored;
-    fs::create_directories(setup.home, ignored);
+    // The home holds the state, so it is made private as the store makes it;
+    // a failure here is the first save's to report.
+    try {
+      store->prepareDirectory();
+    } catch (const std::system_error&) {
+    }
     sender = std::make_shared<FakeSender>(FakeSender::Options{
         .log = [log](const std::string& line) { log->info(line); },
         .logFile = (setup.home / "fake-sent.jsonl").string(),
@@ -123,7 +145,6 @@ int runDaemon(const CommandLine& args, const Setup& setup, HeadlessEnvironment& 
     sender = std::make_shared<AppleScriptSender>(std::move(options));
   }
 
-  auto store = std::make_shared<FileStateStore>(setup.home);
   CycleDeps deps{.api = std::make_shared<APIClient>(setup.server, token, userAgent()),
                  .chatDBPath = setup.chatDBPath,
                  .store = store,
@@ -167,7 +188,7 @@ int runHeadless(const CommandLine& args, HeadlessEnvironment& env) {
   const fs::path defaultHome = FileStateStore::defaultDirectory();
   const auto home = args.value("--home");
   setup.home = home ? fs::path(*home) : defaultHome;
-  setup.defaultHome = !home || fs::weakly_canonical(setup.home) == fs::weakly_canonical(defaultHome);
+  setup.defaultHome = !home || samePlace(setup.home, defaultHome);
   auto chatDB = args.value("--chat-db");
   if (!chatDB) chatDB = env.defaults.getString(DefaultsKey::chatDBPath);
   setup.chatDBPath = chatDB.value_or(ChatDB::defaultPath());

@@ -19,9 +19,11 @@ namespace {
   throw std::system_error(error, std::generic_category(), what);
 }
 
-// Creates `dir` and its missing parents, each 0700. Only directories made
-// here get their mode set; existing ones are left as the user has them.
-void makeDirectories(const fs::path& dir) {
+// Creates `dir` and its missing parents, each 0700, and makes `dir` itself
+// 0700 however it came to exist (another program, or this one before the
+// store, may have made it with the umask's mode). Existing parents are left
+// as the user has them.
+void makePrivateDirectory(const fs::path& dir) {
   std::vector<fs::path> missing;
   for (fs::path p = dir; !p.empty(); p = p.parent_path()) {
     struct stat st;
@@ -41,6 +43,11 @@ void makeDirectories(const fs::path& dir) {
     } else if (errno != EEXIST) {
       throwErrno(errno, "couldn't create the directory " + dir.string());
     }
+  }
+  struct stat st;
+  if (::stat(dir.c_str(), &st) != 0) throwErrno(errno, "couldn't examine " + dir.string());
+  if ((st.st_mode & 07777) != 0700 && ::chmod(dir.c_str(), 0700) != 0) {
+    throwErrno(errno, "couldn't make " + dir.string() + " private");
   }
 }
 
@@ -124,8 +131,10 @@ AgentState FileStateStore::load() {
   }
 }
 
+void FileStateStore::prepareDirectory() const { makePrivateDirectory(directory_); }
+
 void FileStateStore::save(const AgentState& state) {
-  makeDirectories(directory_);
+  prepareDirectory();
 
   // nlohmann::json keeps object keys sorted, so equal states give equal
   // files. Ill-formed UTF-8 in a text becomes U+FFFD rather than failing the save.

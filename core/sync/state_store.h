@@ -55,13 +55,17 @@ class FileStateStore final : public StateStore {
   // database.
   static std::filesystem::path defaultDirectory(DataLayout layout, const GetEnv& getenv);
 
+  // Creates the directory (0700, with missing parents) if needed and makes it
+  // 0700 however it came to exist. Throws std::system_error on failure.
+  void prepareDirectory() const;
+
   // A missing, unreadable or corrupt file gives the default state; a corrupt
   // file stays in place until the next save replaces it.
   AgentState load() override;
 
-  // Creates the directory (0700, with missing parents) if needed, writes
-  // "state.json.<pid>.tmp" (0600) and flushes it to disk, renames it over
-  // "state.json" and flushes the directory. No temporary file is left behind.
+  // prepareDirectory(), then writes "state.json.<pid>.tmp" (0600) and flushes
+  // it to disk, renames it over "state.json" and flushes the directory. No
+  // temporary file is left behind.
   void save(const AgentState& state) override;
 
  private:

@@ -3,10 +3,13 @@
 // database and a home, user home and XDG directories of the test's own.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <map>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/platform/token_store.h"
@@ -161,6 +164,57 @@ TEST_F(HeadlessE2E, PairingWithATestHomePrintsTheResponseAndTouchesNoUserDirecto
   EXPECT_EQ(again.log(), std::vector<std::string>{
                              "error: pairing failed: POST /api/agent/pair \u2192 400: That code "
                              "is not valid or was used already."});
+}
+
+// A --home that can't be examined (a symlink loop, a name too long for the
+// system, a parent without search permission) fails each flow cleanly: a
+// cycle can't save there, and pairing, which never writes to a test home,
+// fails or succeeds on its own.
+TEST_F(HeadlessE2E, AHomeThatCantBeExaminedFailsCleanly) {
+  ChatDbBuilder db(chatDB());
+  db.oneToOne(kAlex);
+  auto server = devServer({"--token", kToken, "--roster", kAlex});
+  ASSERT_FALSE(server->url().empty());
+  const fs::path root = tmp_.path();
+  fs::create_directory_symlink("loop", root / "loop");
+  std::vector<fs::path> homes = {root / "loop" / "home", root / std::string(300, 'x') / "home"};
+  const bool locked = ::geteuid() != 0;  // permissions don't stop root
+  if (locked) {
+    fs::create_directory(root / "locked");
+    fs::permissions(root / "locked", fs::perms::none);
+    homes.push_back(root / "locked" / "home");
+  }
+  for (const auto& home : homes) {
+    SCOPED_TRACE(home.string());
+    const AgentRun cycle = corvane({"--server", server->url(), "--home", home.string(), "--chat-db",
+                                    chatDB(), "--token", kToken, "--once", "--fake-send"});
+    ASSERT_EXIT_CODE(cycle, 1);
+    EXPECT_TRUE(cycle.log().back().starts_with(
+        "error: cycle failed: couldn't create the directory " + home.string() + ": "))
+        << cycle.err;
+    const AgentRun pairing =
+        corvane({"--server", server->url(), "--home", home.string(), "--pair", "NO-SUCH"});
+    ASSERT_EXIT_CODE(pairing, 1);
+    EXPECT_TRUE(pairing.log().back().starts_with("error: pairing failed: ")) << pairing.err;
+  }
+  if (locked) fs::permissions(root / "locked", fs::perms::owner_all);
+}
+
+// However the home came to exist, the directory that holds the state is the
+// user's alone; --fake-send makes it before the first save does.
+TEST_F(HeadlessE2E, TheHomeIsPrivateFromTheFirstRun) {
+  ChatDbBuilder db(chatDB());
+  db.oneToOne(kAlex);
+  auto server = devServer({"--token", kToken, "--roster", kAlex, "--outbox", kAlex + "=hi"});
+  ASSERT_FALSE(server->url().empty());
+  fs::remove(home());
+  const AgentRun run = corvane(cycleArgs(server->url()), [] {
+    ::umask(022);
+    return static_cast<const char*>(nullptr);
+  });
+  ASSERT_EXIT_CODE(run, 0);
+  EXPECT_EQ(fs::status(home()).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(fakeSent()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST_F(HeadlessE2E, CyclesUploadBackfillThenNewRowsThenALateRosterHandleOnce) {

@@ -172,7 +172,7 @@ TEST(FileStateStoreTest, CorruptFileIsReplacedByTheNextSave) {
   EXPECT_EQ(store.load(), fullState());
 }
 
-TEST(FileStateStoreTest, CreatesMissingDirectoriesPrivateAndTheFilePrivate) {
+TEST(FileStateStoreTest, StateDirectoryAndFileArePrivate) {
   TempDir tmp;
   ::chmod(tmp.path().c_str(), 0755);
   const fs::path home = fs::path(tmp.path()) / "a" / "b" / "Corvane";
@@ -186,7 +186,12 @@ TEST(FileStateStoreTest, CreatesMissingDirectoriesPrivateAndTheFilePrivate) {
   EXPECT_EQ(modeOf(home.parent_path()), 0700u);
   EXPECT_EQ(modeOf(home.parent_path().parent_path()), 0700u);
   EXPECT_EQ(modeOf(store.path()), 0600u);
-  EXPECT_EQ(modeOf(tmp.path()), 0755u) << "an existing directory keeps its mode";
+  EXPECT_EQ(modeOf(tmp.path()), 0755u) << "an existing parent keeps its mode";
+
+  // The directory that holds the state is private however it came to exist.
+  ::chmod(home.c_str(), 0755);
+  store.save(fullState());
+  EXPECT_EQ(modeOf(home), 0700u);
 }
 
 TEST(FileStateStoreTest, LeftoverTemporaryFileFromACrashIsHarmless) {
