@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -168,10 +169,16 @@ std::string APIClient::perform(const char* method, const std::string& path,
   curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
   // A redirect could lead the bearer token to another host or to plain http.
   curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
-  // The whole exchange must end in time, so a server that trickles bytes
-  // cannot hold a sync cycle indefinitely.
-  curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, timeoutMs);
-  curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
+  // The call's time-out is an idle time-out, as the platform's request
+  // time-out is: a large upload on a slow link fails only when it stops
+  // moving, never merely for taking long (a hard limit would fail it and
+  // retry it from the start forever). libcurl counts that time in whole
+  // seconds. Reaching the server has a time-out of its own.
+  const long idleSec = std::max(1L, (timeoutMs + 999) / 1000);
+  curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L);  // bytes per second, either way
+  curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, idleSec);
+  curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS,
+                   std::min(timeoutMs, static_cast<long>(kConnectTimeout.count()) * 1000));
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxAnswerBytes));
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);

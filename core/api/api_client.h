@@ -18,14 +18,20 @@ namespace corvane {
 
 class APIClient final : public AgentAPI {
  public:
+  // A call's time-out is the time it may go without progress (no byte sent
+  // or received), not a limit on the whole exchange: an upload that keeps
+  // moving on a slow link is never cut off.
   static constexpr std::chrono::seconds kDefaultTimeout{30};
   static constexpr std::chrono::seconds kSyncTimeout{120};
+  // Reaching the server (name lookup, connection, TLS handshake), at most the
+  // call's time-out.
+  static constexpr std::chrono::seconds kConnectTimeout{30};
 
   // `server` must be its own ServerURL::validate form (a trailing "/" is
   // tolerated), else every call fails with insecureServer before any
   // traffic. `token` is absent only for pairing. `userAgent` is sent as is.
-  // `timeoutOverride`, when given, replaces every call's time-out; it exists
-  // so that tests need not wait 30 seconds.
+  // `timeoutOverride`, when given, replaces every call's time-out (rounded up
+  // to whole seconds); it exists so that tests need not wait 30 seconds.
   APIClient(std::string server, std::optional<std::string> token, std::string userAgent,
             std::optional<std::chrono::milliseconds> timeoutOverride = std::nullopt);
 

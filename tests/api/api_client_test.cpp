@@ -393,20 +393,32 @@ TEST(APIClientTest, RefusedConnectionIsATransientNetworkError) {
   EXPECT_FALSE(e.status());
 }
 
-TEST(APIClientTest, SlowServerTimesOut) {
+// The time-out is time without progress: an answer that keeps coming for
+// longer than it succeeds, one that stops coming fails.
+TEST(APIClientTest, TimeOutEndsOnlyACallThatStopsMoving) {
   LoopbackServer* self = nullptr;
-  LoopbackServer server([&](const httplib::Request&, httplib::Response& response) {
-    self->waitForRelease();
-    response.set_content("{}", "application/json");
+  LoopbackServer server([&](const httplib::Request& request, httplib::Response& response) {
+    if (request.target == "/api/agent/config") {
+      self->waitForRelease();
+      return;
+    }
+    // 2.5 s of blanks before the object, one every 100 ms.
+    response.set_chunked_content_provider(
+        "application/json", [](std::size_t offset, httplib::DataSink& sink) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(100));
+          if (offset < 25) return sink.write(" ", 1);
+          sink.write("{}", 2);
+          sink.done();
+          return true;
+        });
   });
   self = &server;
-  const APIError e = expectAPIError(
-      [&] {
-        APIClient(server.url(), kToken, kUserAgent, std::chrono::milliseconds(200)).getConfig();
-      },
-      APIError::Kind::network);
+  APIClient client(server.url(), kToken, kUserAgent, std::chrono::seconds(1));
+
+  EXPECT_NO_THROW(client.ackOutbox("slow", {SendStatus::sent, std::nullopt}));
+  const APIError e = expectAPIError([&] { client.getConfig(); }, APIError::Kind::network);
   EXPECT_TRUE(e.description().starts_with("Can't reach 127.0.0.1 (")) << e.what();
-  EXPECT_NE(e.description().find("timed out"), std::string::npos) << e.what();
+  EXPECT_NE(e.description().find("too slow"), std::string::npos) << e.what();
   EXPECT_TRUE(e.isTransient());
 }
 

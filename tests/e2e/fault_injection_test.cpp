@@ -66,14 +66,6 @@ class HostileServer {
       }
     }
 
-    // `bytes` over and over, one byte at a time with a pause after each.
-    void trickle(std::string_view bytes, std::chrono::milliseconds pause) {
-      for (std::size_t i = 0; send(bytes.substr(i, 1)); i = (i + 1) % bytes.size()) {
-        pollfd wake = {wake_, POLLIN, 0};
-        if (::poll(&wake, 1, static_cast<int>(pause.count())) != 0) return;
-      }
-    }
-
     // Says nothing more until the client hangs up.
     void waitForHangUp() {
       char sink[4096];
@@ -537,24 +529,6 @@ TEST_F(FaultInjection, HostileAnswersFailTheCycleQuicklyAndInBoundedMemory) {
     ASSERT_EQ(heads.size(), 1u) << "a request after the failed one";
     EXPECT_TRUE(heads[0].starts_with(kConfigRequest + " HTTP/1.1\r\n")) << heads[0];
   }
-}
-
-// An answer that trickles in forever is cut off by the request's time-out
-// (30 s for the config call), not left to hold the cycle.
-TEST_F(FaultInjection, AnAnswerThatTricklesForeverEndsAtTheRequestTimeOut) {
-  HostileServer server([](HostileServer::Connection& c) {
-    if (!c.send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")) return;
-    c.trickle("{\"plan\": \"", 200ms);
-  });
-  ASSERT_TRUE(server.listening());
-  ChatDbBuilder db(chatDB());
-  const AgentRun run = corvane(cycleArgs(server.url()), ChildProcess::BeforeExec{}, 90s);
-  ASSERT_EXIT_CODE(run, 1);
-  const std::string line = run.log().back();
-  EXPECT_TRUE(std::regex_match(
-      line, std::regex("warn: Can't reach 127\\.0\\.0\\.1 \\(.*timed out.*\\) \u2014 retrying in "
-                       "\\d+s")))
-      << line;
 }
 
 // A writer holding the database's exclusive lock (as Messages does while it
