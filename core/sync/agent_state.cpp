@@ -1,6 +1,8 @@
 #include "core/sync/agent_state.h"
 
 #include <limits>
+#include <string_view>
+#include <unordered_set>
 
 #include "core/protocol/wire_json.h"
 
@@ -76,6 +78,20 @@ SendStatus statusFromName(const json& v) {
 }
 
 }  // namespace
+
+std::vector<OutboxDone> pruneOutboxDone(const std::vector<OutboxDone>& done, std::int64_t nowMs,
+                                        const std::vector<OutboxItem>& offered) {
+  std::unordered_set<std::string_view> offeredIds;
+  for (const auto& item : offered) offeredIds.insert(item.id);
+  std::vector<OutboxDone> kept;
+  for (const auto& record : done) {
+    // Compared this way round, a corrupt "at" far in the past can't overflow.
+    if (!record.acked || offeredIds.contains(record.id) || record.at >= nowMs - kOutboxDoneKeptMs) {
+      kept.push_back(record);
+    }
+  }
+  return kept;
+}
 
 void to_json(json& j, const SentText& value) { j = json{{"text", value.text}, {"at", value.at}}; }
 

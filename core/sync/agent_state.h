@@ -52,6 +52,21 @@ struct AgentState {
   bool operator==(const AgentState&) const = default;
 };
 
+// How long an acknowledged outbox record is kept. The record is what stops
+// an item from being sent twice, and the server offers an item again only
+// until its acknowledgement has arrived: a lost answer to the ack, a restore
+// of the server's data, a Mac asleep for a while. Thirty days is far beyond
+// any of those, and keeps "state.json" (rewritten and synced at every
+// write-ahead save) to about one month of sends.
+inline constexpr std::int64_t kOutboxDoneKeptMs = 30LL * 86'400'000;
+
+// The records of `done` worth keeping at `nowMs`: every unacknowledged one
+// (its status has yet to reach the server), every one whose item is among
+// `offered` (the outbox just fetched) whatever its age, and acknowledged ones
+// no older than kOutboxDoneKeptMs. Order is kept. Pure.
+std::vector<OutboxDone> pruneOutboxDone(const std::vector<OutboxDone>& done, std::int64_t nowMs,
+                                        const std::vector<OutboxItem>& offered);
+
 // JSON coding with the member names as keys. Absent optionals are left out;
 // collections are always written. Decoding treats a missing collection as
 // empty and a null optional as absent, and throws nlohmann::json::exception

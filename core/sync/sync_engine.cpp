@@ -252,6 +252,7 @@ class Cycle {
 
   void deliverOutbox() {
     const OutboxResponse outbox = deps_.api->getOutbox();
+    state_.outboxDone = pruneOutboxDone(state_.outboxDone, now_, outbox.items);
     for (const auto& item : outbox.items) {
       checkStop();  // between two items, never during a send
       const std::string kind(wireName(item.kind));

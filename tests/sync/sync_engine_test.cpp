@@ -266,16 +266,33 @@ TEST_F(SyncCycleTest, OutboxItemsAreWrittenAheadSentAndAcknowledged) {
   EXPECT_TRUE(log->contains("outbox o1 (user) \u2192 " + kAlex + ": sent"));
 }
 
-TEST_F(SyncCycleTest, InterruptedItemIsReackedAsFailedAndNeverResent) {
-  store->save(AgentState{.outboxDone = {{"o1", SendStatus::failed,
-                                         "interrupted before send completed", kNow - 1000, false}}});
-  api->outbox = {{"o1", kAlex, "hello", OutboxItem::Kind::user}};
+// An item is never sent again while its record is kept: unacknowledged
+// records and records of items still offered stay at any age; other
+// acknowledged ones go after kOutboxDoneKeptMs.
+TEST_F(SyncCycleTest, HandledItemsAreReackedNotResentAndOldAcknowledgedRecordsGo) {
+  const std::string interrupted = OutboxDone::interruptedError;
+  const auto record = [](const std::string& id, std::int64_t ageMs, bool acked) {
+    return OutboxDone{id, SendStatus::sent, std::nullopt, kNow - ageMs, acked};
+  };
+  store->save(
+      AgentState{.outboxDone = {{"cut", SendStatus::failed, interrupted, kNow - 1000, false},
+                                record("recent", kOutboxDoneKeptMs, true),
+                                record("offered", 3 * kOutboxDoneKeptMs, true),
+                                record("unacked", 3 * kOutboxDoneKeptMs, false),
+                                record("old", kOutboxDoneKeptMs + 1, true)}});
+  for (const char* id : {"cut", "recent", "offered"}) {
+    api->outbox.push_back({id, kAlex, "hello", OutboxItem::Kind::user});
+  }
   const CycleResult result = cycle();
+
   EXPECT_TRUE(sender->sent.empty());
-  EXPECT_EQ(result.outbox, (CycleResult::Outbox{0, 0, 1}));
-  ASSERT_EQ(api->acks.size(), 1u);
-  EXPECT_EQ(api->acks[0].second,
-            (OutboxAck{SendStatus::failed, "interrupted before send completed"}));
+  EXPECT_EQ(result.outbox, (CycleResult::Outbox{0, 0, 3}));
+  ASSERT_EQ(api->acks.size(), 3u);
+  EXPECT_EQ(api->acks[0].second, (OutboxAck{SendStatus::failed, interrupted}));
+  EXPECT_EQ(api->acks[1].second, (OutboxAck{SendStatus::sent, std::nullopt}));
+  std::vector<std::string> kept;
+  for (const auto& done : store->state().outboxDone) kept.push_back(done.id);
+  EXPECT_EQ(kept, (std::vector<std::string>{"cut", "recent", "offered", "unacked"}));
   EXPECT_TRUE(store->state().outboxDone[0].acked);
 }
 
