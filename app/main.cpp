@@ -1,42 +1,22 @@
 // Process entry: --render-icon, --headless, or the menu-bar application.
-#include <pthread.h>
-#include <signal.h>
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <stop_token>
-#include <thread>
 
 #include "app/headless/command_line.h"
 #include "app/headless/headless_runner.h"
+#include "app/headless/stop_signals.h"
 #include "app/ui/app_icon.h"
 #include "app/ui/application.h"
 #include "core/contacts/phone.h"
 
 namespace {
 
-// SIGINT and SIGTERM are taken by one thread that only requests a stop; the
-// daemon notices between cycles, so a signal never cuts a send in half.
-void watchStopSignals(std::shared_ptr<std::stop_source> stop) {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every later thread
-  // Detached: it waits in sigwait until a signal comes or the process ends.
-  std::thread([set, stop] {
-    int received = 0;
-    while (sigwait(&set, &received) != 0) {
-    }
-    stop->request_stop();
-  }).detach();
-}
-
 int runHeadless(const corvane::CommandLine& args) {
   auto stop = std::make_shared<std::stop_source>();
-  watchStopSignals(stop);
+  corvane::watchStopSignals(stop);
   auto tokens = corvane::TokenStore::makeDefault();
   auto defaults = corvane::UserDefaults::makeDefault();
   auto probes = corvane::PermissionProbes::makeDefault();

@@ -502,5 +502,34 @@ TEST_F(HeadlessE2E, DaemonStopsCleanlyOnSigtermAndSigint) {
   }
 }
 
+// The first signal waits for the cycle's next stage boundary, which a cycle
+// stuck on a server that never answers won't reach before the request's
+// time-out; the second ends the process at once, by that signal.
+TEST_F(HeadlessE2E, DaemonStopsAtOnceOnASecondSignalWhileACycleHangs) {
+  LoopbackServer* self = nullptr;
+  LoopbackServer server(
+      [&](const httplib::Request&, httplib::Response&) { self->waitForRelease(); });
+  self = &server;
+  ChatDbBuilder db(chatDB());
+  for (const int sig : {SIGTERM, SIGINT}) {
+    SCOPED_TRACE(sig == SIGTERM ? "SIGTERM" : "SIGINT");
+    auto args = cycleArgs(server.url());
+    args.erase(std::find(args.begin(), args.end(), "--once"));
+    const std::size_t before = server.requests().size();
+    auto daemon = startCorvane(args);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (server.requests().size() == before && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_GT(server.requests().size(), before) << daemon->err();
+    daemon->signal(sig);
+    ASSERT_TRUE(daemon->waitFor(Stream::err, "stopping after the current step")) << daemon->err();
+    daemon->signal(sig);
+    const auto status = daemon->wait(std::chrono::seconds(10));
+    ASSERT_TRUE(status.has_value()) << "still running after the second signal\n" << daemon->err();
+    EXPECT_EQ(*status, (ExitStatus{false, -1, sig})) << describe(*status);
+  }
+}
+
 }  // namespace
 }  // namespace corvane::e2e
