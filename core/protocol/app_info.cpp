@@ -2,9 +2,13 @@
 
 namespace corvane::AppInfo {
 
-// CORVANE_VERSION is the CMake project version.
+std::string versionFrom(const std::optional<std::string>& bundleVersion) {
+  if (bundleVersion && !bundleVersion->empty()) return *bundleVersion;
+  return CORVANE_VERSION;  // the CMake project version
+}
+
 const std::string& version() {
-  static const std::string value = CORVANE_VERSION;
+  static const std::string value = versionFrom(bundleShortVersion());
   return value;
 }
 

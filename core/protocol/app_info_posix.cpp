@@ -1,5 +1,5 @@
-// The Apple build takes these two from mac/app_info_mac.cpp instead: uname
-// there names Darwin, not the macOS release users know.
+// The Apple build takes these from mac/app_info_mac.cpp instead: uname there
+// names Darwin, not the macOS release users know, and only it has bundles.
 #ifndef __APPLE__
 
 #include <sys/utsname.h>
@@ -10,6 +10,8 @@
 #include "core/protocol/app_info.h"
 
 namespace corvane::AppInfo {
+
+std::optional<std::string> bundleShortVersion() { return std::nullopt; }
 
 const std::string& osVersion() {
   static const std::string value = [] {

@@ -1,14 +1,38 @@
 // macOS values of AppInfo. Needs the CoreFoundation and SystemConfiguration
-// frameworks.
+// frameworks. Values obtained under CoreFoundation's "Get" rule
+// (CFBundleGetMainBundle, CFBundleGetValueForInfoDictionaryKey) are not
+// released; those under the "Copy" rule (SCDynamicStoreCopyComputerName) are.
+#include <CoreFoundation/CoreFoundation.h>
 #include <SystemConfiguration/SystemConfiguration.h>
 #include <sys/sysctl.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <vector>
 
 #include "core/protocol/app_info.h"
 
 namespace corvane::AppInfo {
+namespace {
+
+std::optional<std::string> utf8(CFStringRef text) {
+  const CFIndex size =
+      CFStringGetMaximumSizeForEncoding(CFStringGetLength(text), kCFStringEncodingUTF8) + 1;
+  std::vector<char> buffer(static_cast<std::size_t>(size));
+  if (!CFStringGetCString(text, buffer.data(), size, kCFStringEncodingUTF8)) return std::nullopt;
+  return std::string(buffer.data());
+}
+
+}  // namespace
+
+std::optional<std::string> bundleShortVersion() {
+  const CFBundleRef bundle = CFBundleGetMainBundle();
+  if (bundle == nullptr) return std::nullopt;
+  const CFTypeRef value =
+      CFBundleGetValueForInfoDictionaryKey(bundle, CFSTR("CFBundleShortVersionString"));
+  if (value == nullptr || CFGetTypeID(value) != CFStringGetTypeID()) return std::nullopt;
+  return utf8(static_cast<CFStringRef>(value));
+}
 
 const std::string& osVersion() {
   static const std::string value = [] {
@@ -27,14 +51,13 @@ const std::string& osVersion() {
 
 const std::string& deviceName() {
   static const std::string value = [] {
-    char buffer[256] = {};
     if (CFStringRef name = SCDynamicStoreCopyComputerName(nullptr, nullptr)) {
-      const bool ok = CFStringGetCString(name, buffer, sizeof buffer, kCFStringEncodingUTF8);
+      const auto text = utf8(name);
       CFRelease(name);
-      if (ok && buffer[0] != '\0') return std::string(buffer);
+      if (text && !text->empty()) return *text;
     }
-    if (gethostname(buffer, sizeof buffer - 1) == 0 && buffer[0] != '\0')
-      return std::string(buffer);
+    char host[256] = {};
+    if (gethostname(host, sizeof host - 1) == 0 && host[0] != '\0') return std::string(host);
     return std::string("localhost");
   }();
   return value;
