@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <future>
+#include <memory>
 #include <utility>
 
 #include "core/contacts/system_contacts.h"
@@ -141,7 +143,13 @@ PermissionState SystemPermissionProbes::contactsAuthorization() {
   return SystemContacts::authorization();
 }
 
-bool SystemPermissionProbes::requestContactsAccess() { return SystemContacts::requestAccess(); }
+bool SystemPermissionProbes::requestContactsAccess() {
+  // The platform answers on a thread of its own, whenever the user decides.
+  auto answer = std::make_shared<std::promise<bool>>();
+  std::future<bool> granted = answer->get_future();
+  SystemContacts::requestAccess([answer](bool ok) { answer->set_value(ok); });
+  return granted.get();
+}
 
 void SystemPermissionProbes::openPrivacyPane(std::string_view anchor) {
   if (const auto url = PrivacyPane::url(anchor)) services_->openURL(*url);

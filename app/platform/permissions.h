@@ -93,7 +93,8 @@ class PermissionProbes {
   virtual std::optional<PermissionState> automationPermission() = 0;
   // Runs the probe script, which makes macOS ask the user once.
   virtual AutomationRequest requestAutomation() = 0;
-  // Contacts access, never prompting; and the prompting request.
+  // Contacts access, never prompting; and the prompting request, which
+  // waits for the user's answer: call it off the main thread.
   virtual PermissionState contactsAuthorization() = 0;
   virtual bool requestContactsAccess() = 0;
   // Opens a pane of `PrivacyPane`; nothing happens when the anchor makes no URL.

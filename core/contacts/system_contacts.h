@@ -2,8 +2,8 @@
 // framework; elsewhere there is no address book, so authorisation stays
 // `unknown` and every load gives an empty book.
 //
-// The functions may be called from any thread. `requestAccess` may show a
-// system prompt and blocks until the user answers; `load` takes time that
+// The functions may be called from any thread, the main one included:
+// `requestAccess` never waits for the user's answer. `load` takes time that
 // grows with the address book, which is why callers cache its result.
 #pragma once
 
@@ -21,9 +21,12 @@ namespace corvane::SystemContacts {
 // Whether the agent may read the address book. Never prompts.
 PermissionState authorization();
 
-// Asks the platform for access (prompting the user if they have not decided)
-// and returns whether it was granted.
-bool requestAccess();
+// Asks the platform for access, prompting the user if they have not decided,
+// and returns at once. `answered` runs exactly once with whether access was
+// granted: on a thread of the platform's choosing, possibly before this
+// returns, and possibly long after (the user takes their time). A caller
+// that needs the answer on its own thread hops there from `answered`.
+void requestAccess(std::function<void(bool granted)> answered);
 
 // The address book indexed for `region` (see IndexedContactBook); an empty
 // book without permission or when reading fails. Never prompts, never throws.

@@ -5,7 +5,7 @@ namespace corvane::SystemContacts {
 
 PermissionState authorization() { return PermissionState::unknown; }
 
-bool requestAccess() { return false; }
+void requestAccess(std::function<void(bool granted)> answered) { answered(false); }
 
 std::shared_ptr<const ContactBook> load(std::optional<std::string_view>) {
   return std::make_shared<EmptyContactBook>();

@@ -5,10 +5,15 @@
 
 namespace corvane::Phone {
 
+// Called from worker threads, which have no autorelease pool of their own:
+// the pool keeps the autoreleased locale and string from leaking there. The
+// text is copied out before the pool drains.
 std::optional<std::string> currentLocaleRegion() {
-  NSString* code = [NSLocale.currentLocale objectForKey:NSLocaleCountryCode];
-  if (code == nil) return std::nullopt;
-  return std::string(code.UTF8String);
+  @autoreleasepool {
+    NSString* code = [NSLocale.currentLocale objectForKey:NSLocaleCountryCode];
+    if (code == nil) return std::nullopt;
+    return std::string(code.UTF8String);
+  }
 }
 
 }  // namespace corvane::Phone

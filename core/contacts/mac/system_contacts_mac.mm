@@ -53,18 +53,16 @@ PermissionState authorization() {
       static_cast<long>([CNContactStore authorizationStatusForEntityType:CNEntityTypeContacts]));
 }
 
-bool requestAccess() {
+void requestAccess(std::function<void(bool granted)> answered) {
   CNContactStore* store = [[CNContactStore alloc] init];
-  dispatch_semaphore_t answered = dispatch_semaphore_create(0);
-  __block BOOL granted = NO;
-  // The answer arrives on a framework queue, never the caller's, so waiting here cannot deadlock.
+  // Returns at once; the framework calls the handler on a queue of its own
+  // once the user has answered, which may be much later. The block keeps the
+  // store alive until then.
   [store requestAccessForEntityType:CNEntityTypeContacts
-                  completionHandler:^(BOOL ok, NSError* _Nullable) {
-                    granted = ok;
-                    dispatch_semaphore_signal(answered);
+                  completionHandler:^(BOOL granted, NSError* _Nullable) {
+                    (void)store;
+                    answered(granted == YES);
                   }];
-  dispatch_semaphore_wait(answered, DISPATCH_TIME_FOREVER);
-  return granted;
 }
 
 std::shared_ptr<const ContactBook> load(std::optional<std::string_view> region) {
