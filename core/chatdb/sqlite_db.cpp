@@ -129,7 +129,8 @@ void SQLiteDB::close() {
 }
 
 void SQLiteDB::exec(const std::string& sql) {
-  if (db_ == nullptr) throw SQLiteError(SQLITE_MISUSE, "closed");
+  // As sqlite3_exec answers a closed (null) connection: MISUSE with no text.
+  if (db_ == nullptr) throw SQLiteError(SQLITE_MISUSE, "exec failed");
   char* error = nullptr;
   const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error);
   if (rc != SQLITE_OK) {

@@ -74,7 +74,8 @@ class SQLiteDB {
   // the table is missing or unreadable. Never throws.
   std::set<std::string> columns(const std::string& table);
 
-  // Closes the connection; later calls do nothing and queries fail with "closed".
+  // Closes the connection; later closes do nothing, queries fail with "closed"
+  // and exec with "exec failed".
   void close();
 
   // Called with the text of every statement prepared from now on; lets tests

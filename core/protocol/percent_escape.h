@@ -7,9 +7,11 @@
 
 namespace corvane {
 
-// `text` with every byte percent-encoded ("%2F", upper-case hex) except ASCII
-// letters, digits and the characters in `alsoKeep`. Non-ASCII letters are
-// encoded too (as their UTF-8 bytes), so the result is always plain ASCII.
+// `text` with every character percent-encoded as its UTF-8 bytes ("%2F",
+// upper-case hex) except the platform's alphanumeric set (letters, marks and
+// numbers of any script, see isAlphanumeric) and the ASCII characters in
+// `alsoKeep`: "é" stays "é", "a b" becomes "a%20b". Ill-formed UTF-8 bytes
+// are encoded one by one.
 std::string percentEscape(std::string_view text, std::string_view alsoKeep);
 
 // Unreserved characters kept in a path segment ("a b/c" -> "a%20b%2Fc").

@@ -36,13 +36,15 @@ FakeSender::FakeSender(Options options) : options_(std::move(options)) {
 }
 
 SendResult FakeSender::send(const std::string& handle, const std::string& text) {
-  if (trimWhitespace(text).empty()) return {false, std::nullopt, false, "empty message"};
+  // Everything below works on the trimmed text that was checked.
+  const std::string trimmed(trimWhitespace(text));
+  if (trimmed.empty()) return {false, std::nullopt, false, "empty message"};
   if (options_.log) {
-    options_.log("[fake-send] \u2192 " + handle + ": " + prefixGraphemes(text, kLogPreview));
+    options_.log("[fake-send] \u2192 " + handle + ": " + prefixGraphemes(trimmed, kLogPreview));
   }
   if (options_.logFile) {
     const nlohmann::json record = {
-        {"at", isoString(options_.nowMs())}, {"handle", handle}, {"text", text}};
+        {"at", isoString(options_.nowMs())}, {"handle", handle}, {"text", trimmed}};
     appendLine(*options_.logFile,
                record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
   }

@@ -1,5 +1,6 @@
-// FakeSender: pretends to send. It logs each text and appends it as one JSON
-// line to a file, so the headless agent can run end to end without Messages.
+// FakeSender: pretends to send. It logs each text (trimmed of white space at
+// both ends, refused when nothing is left) and appends it as one JSON line to
+// a file, so the headless agent can run end to end without Messages.
 #pragma once
 
 #include <cstdint>

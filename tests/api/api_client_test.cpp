@@ -162,7 +162,8 @@ TEST(APIClientTest, AckPathEscapesEverythingButUnreservedCharacters) {
       {"a b/c", "/api/agent/outbox/a%20b%2Fc"},
       {"Az09-_.~", "/api/agent/outbox/Az09-_.~"},
       {"100%?#&=+", "/api/agent/outbox/100%25%3F%23%26%3D%2B"},
-      {"é", "/api/agent/outbox/%C3%A9"},
+      {"é\u0301\u0663", "/api/agent/outbox/é\u0301\u0663"},  // letters, marks, digits of any script
+      {"\u00A0\xFF", "/api/agent/outbox/%C2%A0%FF"},
       {"", "/api/agent/outbox/"},
   };
   for (const auto& c : cases) EXPECT_EQ(APIClient::ackPath(c.id), c.path) << c.id;

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <limits>
+#include <utility>
 
 #include "tests/support/temp_dir.h"
 
@@ -210,16 +212,21 @@ TEST_F(SQLiteDBTest, ColumnsOfTables) {
   EXPECT_TRUE(db.columns("t").empty());
 }
 
-TEST_F(SQLiteDBTest, CloseTwiceIsHarmlessAndLaterQueriesSayClosed) {
+// Queries fail at prepare with "closed"; exec says what sqlite3_exec says.
+TEST_F(SQLiteDBTest, CloseTwiceIsHarmlessAndLaterCallsFail) {
   SQLiteDB db(path, false, true);
   db.close();
   db.close();
   EXPECT_FALSE(db.isOpen());
-  try {
-    db.query("SELECT 1");
-    FAIL();
-  } catch (const SQLiteError& e) {
-    EXPECT_EQ(e.message(), "closed");
+  const std::pair<std::function<void()>, std::string> calls[] = {
+      {[&] { db.query("SELECT 1"); }, "closed"}, {[&] { db.exec("SELECT 1"); }, "exec failed"}};
+  for (const auto& [call, message] : calls) {
+    try {
+      call();
+      ADD_FAILURE() << message;
+    } catch (const SQLiteError& e) {
+      EXPECT_EQ(e.message(), message);
+    }
   }
 }
 

@@ -199,19 +199,23 @@ class FakeSenderTest : public ::testing::Test {
   std::vector<std::string> logs;
 };
 
+// What is logged and written is the trimmed text that was checked.
 TEST_F(FakeSenderTest, RecordsEverySendAsOneJSONLine) {
   const std::string path = dir.file("fake-sent.jsonl");
   std::ofstream(path) << "{\"earlier\":1}\n";
   auto fake = sender(path);
-  EXPECT_EQ(fake.send(kAlex, "hi \"there\"\n"), (SendResult{true, "iMessage", false, std::nullopt}));
+  EXPECT_EQ(fake.send(kAlex, " hi \"there\"\n"),
+            (SendResult{true, "iMessage", false, std::nullopt}));
   EXPECT_EQ(fake.send("sam@example.org", "caf\u00e9"), (SendResult{true, "iMessage", false, std::nullopt}));
   const auto written = lines(path);
   ASSERT_EQ(written.size(), 3u);
   EXPECT_EQ(written[0], "{\"earlier\":1}");
-  EXPECT_EQ(written[1], "{\"at\":\"2023-11-14T22:13:20.123Z\",\"handle\":\"+14155550100\","
-                        "\"text\":\"hi \\\"there\\\"\\n\"}");
+  EXPECT_EQ(written[1],
+            "{\"at\":\"2023-11-14T22:13:20.123Z\",\"handle\":\"+14155550100\","
+            "\"text\":\"hi \\\"there\\\"\"}");
   EXPECT_EQ(nlohmann::json::parse(written[2])["text"], "caf\u00e9");
-  EXPECT_EQ(logs[1], "[fake-send] \u2192 sam@example.org: caf\u00e9");
+  EXPECT_EQ(logs, (std::vector<std::string>{"[fake-send] \u2192 " + kAlex + ": hi \"there\"",
+                                            "[fake-send] \u2192 sam@example.org: caf\u00e9"}));
 }
 
 TEST_F(FakeSenderTest, EmptyTextIsRefusedAndNothingIsWritten) {

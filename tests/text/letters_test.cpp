@@ -36,5 +36,16 @@ TEST(LettersTest, RecognisesLettersOfAnyScript) {
   }
 }
 
+// Foundation's alphanumerics: letters, marks and numbers.
+TEST(LettersTest, AlphanumericsAreLettersMarksAndNumbersOfAnyScript) {
+  for (const char32_t c :
+       {U'a', U'Z', U'0', U'\u00E9', U'\u4E2D', U'\u0301', U'\u0663', U'\u00BD'}) {
+    EXPECT_TRUE(isAlphanumeric(c)) << static_cast<unsigned>(c);
+  }
+  for (const char32_t c : {U'_', U'-', U' ', U'\u00A0', U'\uFFFD', U'\U0001F600'}) {
+    EXPECT_FALSE(isAlphanumeric(c)) << static_cast<unsigned>(c);
+  }
+}
+
 }  // namespace
 }  // namespace corvane
