@@ -1,4 +1,7 @@
 # Developer entry points. `make test` is what CI runs on a fresh machine.
+# The make that cmake --build runs is a sub-make, which would announce every
+# directory it enters and leaves; that is noise here.
+MAKEFLAGS += --no-print-directory
 BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
@@ -8,7 +11,7 @@ JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 all: build
 
 deps:
-	scripts/install-deps
+	@scripts/install-deps
 
 configure:
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
@@ -19,9 +22,14 @@ build: configure
 test: deps build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
-# Runs the agent end to end against a local development server.
-demo: deps build
-	BUILD_DIR=$(BUILD_DIR) scripts/demo
+# Runs the agent end to end against a local development server. Builds only
+# the three programs the demo runs (not the tests), and shows the build's
+# progress and the agent's output rather than make's.
+DEMO_TARGETS = Corvane corvane-devserver chatdb-gen
+demo: deps
+	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) --log-level=WARNING
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target $(DEMO_TARGETS)
+	@BUILD_DIR=$(BUILD_DIR) scripts/demo
 
 # The setup window's screens and the menu, rendered offscreen into
 # docs/screenshots/ (the README shows them).
