@@ -15,8 +15,8 @@ namespace corvane {
 namespace {
 
 using testing::LoopbackServer;
-using testing::RawServer;
 using testing::RecordedRequest;
+using testing::ScriptedServer;
 
 constexpr const char* kToken = "tok-SECRET-0123456789";
 constexpr const char* kUserAgent = "corvane-mac/9.8.7";
@@ -46,48 +46,16 @@ std::optional<std::string> header(const RecordedRequest& request, const std::str
   return it->second;
 }
 
-TEST(APIClientTest, GetCarriesTokenButNoBodyOrContentType) {
-  const AgentConfig config{1, {"+15551234567"}, 30, 14, 60, {true, {"me@example.test"}}, "pro"};
-  LoopbackServer server(LoopbackServer::answer(200, encodeJSON(config)));
-  EXPECT_EQ(clientFor(server.url()).getConfig(), config);
-
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 1u);
-  const auto& r = requests[0];
-  EXPECT_EQ(r.method, "GET");
-  EXPECT_EQ(r.target, "/api/agent/config");
-  EXPECT_EQ(header(r, "Accept"), "application/json");
-  EXPECT_EQ(header(r, "User-Agent"), kUserAgent);
-  EXPECT_EQ(header(r, "X-Quoddle-Protocol"), "1");
-  EXPECT_EQ(header(r, "Authorization"), std::string("Bearer ") + kToken);
-  EXPECT_FALSE(header(r, "Content-Type"));
-  EXPECT_FALSE(header(r, "Expect"));
-  EXPECT_TRUE(r.body.empty());
-}
-
-TEST(APIClientTest, PairingPostCarriesJSONBodyButNoAuthorization) {
-  const PairResponse paired{"new-token", "dev-1", {}};
-  LoopbackServer server(LoopbackServer::answer(200, encodeJSON(paired)));
-  const PairRequest request{"ABC123", "Kim's Mac", "Linux 6.1.0", "mac-0.1.0"};
-  EXPECT_EQ(clientFor(server.url(), std::nullopt).pair(request), paired);
-
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 1u);
-  const auto& r = requests[0];
-  EXPECT_EQ(r.method, "POST");
-  EXPECT_EQ(r.target, "/api/agent/pair");
-  EXPECT_EQ(header(r, "Content-Type"), "application/json");
-  EXPECT_EQ(header(r, "X-Quoddle-Protocol"), "1");
-  EXPECT_FALSE(header(r, "Authorization"));
-  EXPECT_EQ(r.body, encodeJSON(request));
-}
-
 TEST(APIClientTest, HeadersGoOutInTheirOrder) {
-  RawServer server(
-      "HTTP/1.1 200 OK\r\nContent-Length: 12\r\nConnection: close\r\n\r\n"
-      R"({"queued":1})");
+  ScriptedServer server([](ScriptedServer::Connection& c) {
+    c.send(
+        "HTTP/1.1 200 OK\r\nContent-Length: 12\r\nConnection: close\r\n\r\n"
+        R"({"queued":1})");
+    c.waitForHangUp();
+  });
   clientFor(server.url()).postSelf({"g", "note", "2023-11-14T22:13:20.123Z"});
-  const std::string raw = server.request();
+  ASSERT_TRUE(server.waitForServed(1));
+  const std::string raw = server.heads().at(0);
   std::vector<std::size_t> positions;
   for (const char* line : {"Accept: application/json\r\n", "User-Agent: corvane-mac/9.8.7\r\n",
                            "X-Quoddle-Protocol: 1\r\n", "Authorization: Bearer ",
@@ -115,7 +83,8 @@ TEST(APIClientTest, EveryCallUsesItsMethodPathAndAnswerType) {
     if (request.path == "/api/agent/pair") body = encodeJSON(paired);
     response.set_content(body, "application/json");
   });
-  APIClient client = clientFor(server.url());
+  // A trailing slash on the server gives no double slash.
+  APIClient client = clientFor(server.url() + "/");
   AgentAPI& api = client;
 
   const SyncRequest upload{{}, {{"g", "h", "t", true, "s", "iMessage", {}, {}, {}}}, 77};
@@ -147,10 +116,19 @@ TEST(APIClientTest, EveryCallUsesItsMethodPathAndAnswerType) {
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), std::size(expected));
   for (std::size_t i = 0; i < requests.size(); ++i) {
-    EXPECT_EQ(requests[i].method, expected[i].method) << i;
-    EXPECT_EQ(requests[i].target, expected[i].target) << i;
-    EXPECT_EQ(requests[i].body, expected[i].body) << i;
+    const auto& r = requests[i];
+    EXPECT_EQ(r.method, expected[i].method) << i;
+    EXPECT_EQ(r.target, expected[i].target) << i;
+    EXPECT_EQ(r.body, expected[i].body) << i;
+    EXPECT_EQ(header(r, "Authorization"), std::string("Bearer ") + kToken) << i;
+    // Content-Type only with a body; never the "Expect: 100-continue" wait.
+    EXPECT_EQ(header(r, "Content-Type").has_value(), !r.body.empty()) << i;
+    EXPECT_FALSE(header(r, "Expect")) << i;
   }
+
+  // Pairing goes without a token, so without Authorization.
+  EXPECT_EQ(clientFor(server.url(), std::nullopt).pair({"ABCD", "n", "p", "v"}), paired);
+  EXPECT_FALSE(header(server.requests().back(), "Authorization"));
 }
 
 TEST(APIClientTest, AckPathEscapesEverythingButUnreservedCharacters) {
@@ -172,13 +150,6 @@ TEST(APIClientTest, AckPathEscapesEverythingButUnreservedCharacters) {
   clientFor(server.url()).ackOutbox("a b/c", {SendStatus::sent, {}});
   ASSERT_EQ(server.requests().size(), 1u);
   EXPECT_EQ(server.requests()[0].target, "/api/agent/outbox/a%20b%2Fc");
-}
-
-TEST(APIClientTest, TrailingSlashOnServerGivesNoDoubleSlash) {
-  LoopbackServer server(LoopbackServer::answer(200, R"({"items":[]})"));
-  clientFor(server.url() + "/").getOutbox();
-  ASSERT_EQ(server.requests().size(), 1u);
-  EXPECT_EQ(server.requests()[0].target, "/api/agent/outbox");
 }
 
 TEST(APIClientTest, UntrustedServerFailsBeforeAnyTraffic) {
@@ -240,8 +211,6 @@ TEST(APIClientTest, ErrorAnswersBecomeHTTPErrorsWithTheBestDetail) {
       {"unregistered code", 599, "", "text/plain", "GET /api/agent/outbox → 599: Server Error",
        true},
       {"not found", 404, "", "text/plain", "GET /api/agent/outbox → 404: Not Found", false},
-      {"redirect is not followed", 302, "", "text/plain", "GET /api/agent/outbox → 302: Found",
-       false},
   };
   for (const auto& c : cases) {
     LoopbackServer server(LoopbackServer::answer(c.status, c.body, c.contentType));
@@ -253,25 +222,14 @@ TEST(APIClientTest, ErrorAnswersBecomeHTTPErrorsWithTheBestDetail) {
   }
 }
 
-TEST(APIClientTest, PairingErrorNamesThePostAndTheServerMessage) {
-  LoopbackServer server(
-      LoopbackServer::answer(400, R"({"error":"bad_code","message":"That code has expired"})"));
-  const APIError e = expectAPIError(
-      [&] {
-        clientFor(server.url(), std::nullopt).pair({"ABCD", "n", "p", "v"});
-      },
-      APIError::Kind::http);
-  EXPECT_EQ(e.description(), "POST /api/agent/pair → 400: That code has expired");
-  EXPECT_EQ(e.status(), 400);
-  EXPECT_FALSE(e.isTransient());
-}
-
 TEST(APIClientTest, RedirectsAreNotFollowed) {
   LoopbackServer elsewhere;
   LoopbackServer server([&](const httplib::Request&, httplib::Response& response) {
     response.set_redirect(elsewhere.url() + "/api/agent/config", 307);
   });
-  expectAPIError([&] { clientFor(server.url()).getConfig(); }, APIError::Kind::http);
+  const APIError e =
+      expectAPIError([&] { clientFor(server.url()).getConfig(); }, APIError::Kind::http);
+  EXPECT_EQ(e.description(), "GET /api/agent/config → 307: Temporary Redirect");
   EXPECT_TRUE(elsewhere.requests().empty());
 }
 
@@ -329,58 +287,6 @@ TEST(APIClientTest, UndecodableSuccessIsABadResponse) {
   }
 }
 
-TEST(APIClientTest, UnknownOutboxKindSpoilsTheWholeOutbox) {
-  LoopbackServer server(
-      LoopbackServer::answer(200, R"({"items":[{"id":"1","handle":"h","text":"t","kind":"user"},)"
-                                  R"({"id":"2","handle":"h","text":"t","kind":"broadcast"}]})"));
-  const APIError e =
-      expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::badResponse);
-  EXPECT_EQ(e.description(),
-            "GET /api/agent/outbox: unexpected response shape "
-            R"((key "items[1].kind": unknown value "broadcast"))");
-}
-
-TEST(APIClientTest, EmptySuccessBodyFailsAcks) {
-  LoopbackServer server(LoopbackServer::answer(204, ""));
-  const APIError e = expectAPIError(
-      [&] {
-        clientFor(server.url()).ackOutbox("1", {SendStatus::sent, {}});
-      },
-      APIError::Kind::badResponse);
-  EXPECT_EQ(e.description(),
-            "POST /api/agent/outbox/1: unexpected response shape (not valid JSON (the text is "
-            "empty))");
-}
-
-TEST(APIClientTest, HugeAnswersAreRefused) {
-  const std::string huge(17 * 1024 * 1024, ' ');
-  const std::string expected =
-      "GET /api/agent/outbox: unexpected response shape (the answer is larger than 16 MiB)";
-  {
-    LoopbackServer server(LoopbackServer::answer(200, huge));
-    const APIError e =
-        expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::badResponse);
-    EXPECT_EQ(e.description(), expected);
-  }
-  {
-    // Chunked, so the size is only known while the body arrives.
-    LoopbackServer server([&](const httplib::Request&, httplib::Response& response) {
-      response.set_chunked_content_provider("application/json", [&](std::size_t offset,
-                                                                    httplib::DataSink& sink) {
-        if (offset >= huge.size()) {
-          sink.done();
-        } else {
-          sink.write(huge.data() + offset, std::min<std::size_t>(1 << 20, huge.size() - offset));
-        }
-        return true;
-      });
-    });
-    const APIError e =
-        expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::badResponse);
-    EXPECT_EQ(e.description(), expected);
-  }
-}
-
 TEST(APIClientTest, RefusedConnectionIsATransientNetworkError) {
   std::string url;
   {
@@ -421,23 +327,6 @@ TEST(APIClientTest, TimeOutEndsOnlyACallThatStopsMoving) {
   EXPECT_TRUE(e.description().starts_with("Can't reach 127.0.0.1 (")) << e.what();
   EXPECT_NE(e.description().find("too slow"), std::string::npos) << e.what();
   EXPECT_TRUE(e.isTransient());
-}
-
-TEST(APIClientTest, BrokenHTTPAnswersAreNetworkErrors) {
-  const char* replies[] = {
-      "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"items\":[]}",  // cut short
-      "hello, this is not HTTP\r\n",
-      "",                               // closes without a word
-      "HTTP/1.1 200 OK\r\nContent-Ty",  // closes inside the headers
-      "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n",
-  };
-  for (const char* reply : replies) {
-    RawServer server(reply);
-    const APIError e =
-        expectAPIError([&] { clientFor(server.url()).getOutbox(); }, APIError::Kind::network);
-    EXPECT_TRUE(e.description().starts_with("Can't reach 127.0.0.1 (")) << e.what();
-    EXPECT_TRUE(e.isTransient());
-  }
 }
 
 TEST(APIClientTest, LineBreaksInTheTokenCannotAddHeaders) {

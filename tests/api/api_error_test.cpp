@@ -38,13 +38,6 @@ TEST(APIErrorTest, StatusAndTransience) {
   }
 }
 
-TEST(APIErrorTest, WhatIsTheDescription) {
-  const APIError e = APIError::http(502, "POST /api/agent/sync → 502: Bad Gateway");
-  const std::exception& base = e;
-  EXPECT_STREQ(base.what(), "POST /api/agent/sync → 502: Bad Gateway");
-  EXPECT_EQ(e.kind(), APIError::Kind::http);
-}
-
 TEST(HTTPStatusTextTest, RegisteredPhrasesAndClassFallbacks) {
   struct Case {
     int status;

@@ -1,19 +1,24 @@
 // Test doubles for the API client: a real HTTP server on 127.0.0.1 that
 // records every request and answers as the test says, and a raw TCP server
-// that hands back the exact bytes of one request and answers with canned
-// bytes (for header order and broken answers).
+// that runs a script per connection (header order, broken and hostile
+// answers).
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -97,76 +102,162 @@ class LoopbackServer {
   std::condition_variable released_cv_;
 };
 
-// Accepts one connection, reads one request (head and Content-Length body),
-// writes `reply` verbatim and closes.
-class RawServer {
+// A raw TCP server on 127.0.0.1 that reads the head of each request (request
+// line and headers, as sent) and then does whatever its script says, however
+// un-HTTP that is: for header order, broken answers and hostile servers. Connections are served
+// one after another; the destructor wakes a script that is still waiting or
+// streaming, so no test can hang on it.
+class ScriptedServer {
  public:
-  explicit RawServer(std::string reply) : reply_(std::move(reply)) {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  // What a script can do with its connection. Every call stops (send()
+  // returning false) once the client has hung up or the server is going away.
+  class Connection {
+   public:
+    Connection(int fd, int wake) : fd_(fd), wake_(wake) {}
+
+    bool send(std::string_view bytes) {
+      while (!bytes.empty()) {
+        if (!ready(POLLOUT)) return false;
+        const ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+        if (n <= 0) return false;
+        sent_ += static_cast<std::size_t>(n);
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+      }
+      return true;
+    }
+
+    // The same bytes again and again, for as long as the client reads.
+    void sendForever(std::string_view chunk) {
+      while (send(chunk)) {
+      }
+    }
+
+    // Says nothing more until the client hangs up.
+    void waitForHangUp() {
+      char sink[4096];
+      while (ready(POLLIN)) {
+        if (::recv(fd_, sink, sizeof sink, 0) <= 0) return;
+      }
+    }
+
+    std::size_t bytesSent() const { return sent_; }
+
+   private:
+    // Waits for `events` on the connection; false when the server is going away.
+    bool ready(short events) {
+      pollfd fds[2] = {{wake_, POLLIN, 0}, {fd_, events, 0}};
+      for (;;) {
+        const int n = ::poll(fds, 2, -1);
+        if (n < 0 && errno == EINTR) continue;
+        return n > 0 && fds[0].revents == 0;
+      }
+    }
+
+    int fd_, wake_;
+    std::size_t sent_ = 0;
+  };
+  using Script = std::function<void(Connection&)>;
+
+  explicit ScriptedServer(Script script) : script_(std::move(script)) {
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        listen(listener_, 1) == 0 &&
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+    if (::pipe2(wake_, O_CLOEXEC) == 0 &&
+        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::listen(listener_, 4) == 0 &&
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
       port_ = ntohs(address.sin_port);
+      thread_ = std::thread([this] { serve(); });
     }
-    thread_ = std::thread([this] { serveOne(); });
   }
 
-  ~RawServer() {
-    shutdown(listener_, SHUT_RDWR);  // wakes accept() if no client came
-    thread_.join();
-    close(listener_);
+  ~ScriptedServer() {
+    if (wake_[1] >= 0) {
+      [[maybe_unused]] const ssize_t n = ::write(wake_[1], "x", 1);
+    }
+    if (thread_.joinable()) thread_.join();
+    for (const int fd : {listener_, wake_[0], wake_[1]}) {
+      if (fd >= 0) ::close(fd);
+    }
   }
 
-  RawServer(const RawServer&) = delete;
-  RawServer& operator=(const RawServer&) = delete;
+  ScriptedServer(const ScriptedServer&) = delete;
+  ScriptedServer& operator=(const ScriptedServer&) = delete;
 
+  bool listening() const { return port_ > 0; }
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
-  // The request as received; complete once the client call has returned.
-  std::string request() {
+  // Waits until `count` connections have been served to the end of their
+  // scripts; false if that takes longer than `timeout`.
+  bool waitForServed(std::size_t count,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    std::unique_lock lock(mutex_);
+    return served_cv_.wait_for(lock, timeout,
+                               [&] { return heads_.size() >= count && served_ >= count; });
+  }
+  // The request heads received, in order.
+  std::vector<std::string> heads() const {
     std::lock_guard lock(mutex_);
-    return request_;
+    return heads_;
+  }
+  std::size_t bytesSent() const {
+    std::lock_guard lock(mutex_);
+    return bytesSent_;
   }
 
  private:
-  void serveOne() {
-    const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client < 0) return;
-    std::string text;
-    char buffer[4096];
-    std::size_t wanted = std::string::npos;
-    while (wanted == std::string::npos || text.size() < wanted) {
-      const ssize_t n = recv(client, buffer, sizeof buffer, 0);
-      if (n <= 0) break;
-      text.append(buffer, static_cast<std::size_t>(n));
-      const auto end = text.find("\r\n\r\n");
-      if (wanted == std::string::npos && end != std::string::npos) {
-        std::size_t bodyLength = 0;
-        const auto header = text.find("Content-Length: ");
-        if (header != std::string::npos && header < end) {
-          bodyLength = std::stoul(text.substr(header + 16));
-        }
-        wanted = end + 4 + bodyLength;
+  void serve() {
+    for (;;) {
+      pollfd fds[2] = {{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
+      if (::poll(fds, 2, -1) < 0) {
+        if (errno == EINTR) continue;
+        return;
       }
-    }
-    {
+      if (fds[0].revents != 0) return;
+      const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (client < 0) continue;
+      std::string head = readHead(client);
+      {
+        std::lock_guard lock(mutex_);
+        heads_.push_back(std::move(head));
+      }
+      Connection connection(client, wake_[0]);
+      script_(connection);
+      ::close(client);
       std::lock_guard lock(mutex_);
-      request_ = text;
+      bytesSent_ += connection.bytesSent();
+      ++served_;
+      served_cv_.notify_all();
     }
-    send(client, reply_.data(), reply_.size(), MSG_NOSIGNAL);
-    close(client);
   }
 
-  std::string reply_;
+  // The request line and headers; the agent's first request has no body.
+  std::string readHead(int client) {
+    std::string head;
+    char buffer[4096];
+    while (head.find("\r\n\r\n") == std::string::npos) {
+      pollfd fds[2] = {{wake_[0], POLLIN, 0}, {client, POLLIN, 0}};
+      if (::poll(fds, 2, 10'000) <= 0 || fds[0].revents != 0) break;
+      const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
+      if (n <= 0) break;
+      head.append(buffer, static_cast<std::size_t>(n));
+    }
+    return head;
+  }
+
+  Script script_;
   int listener_ = -1;
+  int wake_[2] = {-1, -1};
   int port_ = 0;
   std::thread thread_;
-  std::mutex mutex_;
-  std::string request_;
+  mutable std::mutex mutex_;
+  std::condition_variable served_cv_;
+  std::vector<std::string> heads_;
+  std::size_t served_ = 0;
+  std::size_t bytesSent_ = 0;
 };
 
 }  // namespace corvane::testing

@@ -13,14 +13,6 @@ using testing::ChatDbSchema;
 using testing::MessageSpec;
 using testing::TempDir;
 
-const std::string kO2O =
-    "  o2o AS (\n    SELECT c.ROWID AS chat_id, MIN(chj.handle_id) AS handle_rowid\n    FROM chat "
-    "c\n    JOIN chat_handle_join chj ON chj.chat_id = c.ROWID\n    GROUP BY c.ROWID\n    HAVING "
-    "COUNT(DISTINCT chj.handle_id) = 1 AND COALESCE(c.style, 45) != 43\n  )";
-const std::string kDate =
-    "(CASE WHEN m.date IS NULL OR m.date = 0 THEN NULL WHEN m.date > 100000000000 THEN m.date / "
-    "1000000 + 978307200000 ELSE m.date * 1000 + 978307200000 END)";
-
 constexpr std::int64_t kDay = 86400000;
 constexpr std::int64_t kNow = 1700000000000;
 
@@ -42,47 +34,10 @@ class DirectoryTest : public ::testing::Test {
   std::vector<std::string> statements;
 };
 
-TEST_F(DirectoryTest, StatementTextsForAFullSchema) {
-  ChatDB& db = open();
-  EXPECT_EQ(db.oneToOneChatsSQL(),
-            "WITH " + kO2O +
-                "\nSELECT o.chat_id AS chatId, o.handle_rowid AS handleRowId, h.id AS rawHandle,\n"
-                "       h.country AS country, c.service_name AS service\nFROM o2o o JOIN handle h "
-                "ON h.ROWID = o.handle_rowid JOIN chat c ON c.ROWID = o.chat_id");
-  EXPECT_EQ(ChatDB::directoryAggregateSQL(),
-            "WITH " + kO2O + "\nSELECT o.chat_id AS chatId, COUNT(m.ROWID) AS cnt, MAX(" + kDate +
-                ") AS lastMs\nFROM o2o o\nJOIN chat_message_join cmj ON cmj.chat_id = o.chat_id\n"
-                "JOIN message m ON m.ROWID = cmj.message_id\nWHERE COALESCE(m.item_type, 0) = 0 AND "
-                "COALESCE(m.associated_message_type, 0) = 0\nGROUP BY o.chat_id\nHAVING lastMs >= ?");
-  EXPECT_EQ(db.latestMessageSQL(),
-            "SELECT m.is_from_me AS fromMe, m.service AS service\nFROM chat_message_join cmj JOIN "
-            "message m ON m.ROWID = cmj.message_id\nWHERE cmj.chat_id = ? AND "
-            "COALESCE(m.item_type, 0) = 0 AND COALESCE(m.associated_message_type, 0) = 0\nORDER BY "
-            "m.date DESC, m.ROWID DESC LIMIT 1");
-  EXPECT_EQ(ChatDB::ownHandlesSQL("account"),
-            "SELECT DISTINCT m.account AS v FROM message m\nWHERE m.date >= ? AND m.account IS NOT "
-            "NULL AND m.account != ''");
-  EXPECT_EQ(db.outgoingSQL(),
-            "SELECT m.ROWID AS rowid, m.text AS text, m.attributedBody AS attributedBody, m.error "
-            "AS error, m.service AS service\nFROM message m WHERE m.ROWID > ? AND m.is_from_me = 1 "
-            "ORDER BY m.ROWID");
-}
-
 class MinimalDirectoryTest : public DirectoryTest {
  protected:
   MinimalDirectoryTest() : DirectoryTest(ChatDbSchema::minimal()) {}
 };
-
-TEST_F(MinimalDirectoryTest, StatementTextsSpliceNullForMissingColumns) {
-  ChatDB& db = open();
-  EXPECT_NE(db.oneToOneChatsSQL().find("\n       NULL AS country, c.service_name AS service\n"),
-            std::string::npos);
-  EXPECT_EQ(db.latestMessageSQL().substr(0, 51),
-            "SELECT m.is_from_me AS fromMe, NULL AS service\nFROM");
-  EXPECT_EQ(db.outgoingSQL(),
-            "SELECT m.ROWID AS rowid, m.text AS text, NULL AS attributedBody, NULL AS error, NULL "
-            "AS service\nFROM message m WHERE m.ROWID > ? AND m.is_from_me = 1 ORDER BY m.ROWID");
-}
 
 TEST_F(MinimalDirectoryTest, OneToOneChatsUseTheDatabaseRegion) {
   const auto chat = builder.oneToOne("0612345678");

@@ -42,15 +42,6 @@ TEST(OwnHandlesFromValuesTest, NormalisesFiltersAndDeduplicates) {
   }
 }
 
-TEST(OwnHandlesFromValuesTest, StopsAtMaxInQueryOrder) {
-  std::vector<std::string> values;
-  for (int i = 0; i < 25; ++i) values.push_back("user" + std::to_string(i) + "@example.org");
-  const auto handles = ChatDB::ownHandles(values, "US", 20);
-  ASSERT_EQ(handles.size(), 20u);
-  EXPECT_EQ(handles.front(), "user0@example.org");
-  EXPECT_EQ(handles.back(), "user19@example.org");
-}
-
 class OwnRowsTest : public ::testing::Test {
  protected:
   explicit OwnRowsTest(ChatDbSchema schema = ChatDbSchema::full(),

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "core/chatdb/sql_value.h"
 
 namespace corvane {
@@ -40,21 +38,6 @@ TEST(TypedStreamTest, EncodesTheExactArchiveLayout) {
   addText("hi");
   add({0x86, 0x84, 0x02, 0x69, 0x49, 0x01, 0x81, 0x00, 0x00, 0x92, 0x84, 0x84, 0x84});
   EXPECT_EQ(blob, expected);
-}
-
-TEST(TypedStreamTest, LengthPrefixes) {
-  const auto prefixAt = [](const Bytes& blob) {
-    const std::string_view marker = "NSString";
-    const auto it = std::search(blob.begin(), blob.end(), marker.begin(), marker.end());
-    return static_cast<std::size_t>(it - blob.begin()) + marker.size() + 5;  // past 01 94 84 01 2B
-  };
-  Bytes b = encodeAttributedBody(std::string(127, 'a'));
-  EXPECT_EQ(b[prefixAt(b)], 127);
-  b = encodeAttributedBody(std::string(200, 'a'));
-  EXPECT_EQ(Bytes(b.begin() + prefixAt(b), b.begin() + prefixAt(b) + 3), (Bytes{0x81, 200, 0}));
-  b = encodeAttributedBody(std::string(70000, 'a'));
-  EXPECT_EQ(Bytes(b.begin() + prefixAt(b), b.begin() + prefixAt(b) + 5),
-            (Bytes{0x82, 0x70, 0x11, 0x01, 0x00}));
 }
 
 TEST(TypedStreamTest, MalformedBlobsNeverReadPastTheEnd) {

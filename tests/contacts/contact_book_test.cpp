@@ -87,18 +87,5 @@ TEST(IndexedContactBookTest, CountsDistinctHandlesAndSkipsUnusableValues) {
   EXPECT_EQ(displayNameFor(book, "12"), std::nullopt);
 }
 
-TEST(IndexedContactBookTest, KeepsEveryNamePart) {
-  const ContactName name("Alex", "Kim", "Al", "Acme");
-  const IndexedContactBook book({{name, {"+14155550100"}, {}}}, "US");
-  EXPECT_EQ(book.lookup("+14155550100"), name);
-}
-
-TEST(EmptyContactBookTest, KnowsNoOne) {
-  const std::unique_ptr<ContactBook> book = std::make_unique<EmptyContactBook>();
-  EXPECT_EQ(book->lookup("+14155550100"), std::nullopt);
-  EXPECT_EQ(book->lookup("alex@example.org"), std::nullopt);
-  EXPECT_EQ(book->count(), 0u);
-}
-
 }  // namespace
 }  // namespace corvane

@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 
 namespace corvane {
@@ -292,32 +290,6 @@ TEST(PhoneDetectRegionTest, PrefersTheVariableThenTheLocaleThenUS) {
     EXPECT_EQ(Phone::detectRegion(sources(c.vars, c.localeRegion)), c.expected)
         << c.localeRegion.value_or("<absent>");
   }
-}
-
-TEST(PhoneDetectRegionTest, LocaleFromThePosixEnvironment) {
-  const auto environment = environmentOf({{"LANG", "nl_BE.UTF-8"}});
-  const Phone::RegionSources posix{environment,
-                                   [&] { return Phone::posixLocaleRegion(environment); }};
-  EXPECT_EQ(Phone::detectRegion(posix), "BE");
-  EXPECT_EQ(Phone::normalize("0470 12 34 56", std::nullopt, posix), "+32470123456");
-}
-
-TEST(PhoneCallingCodeTest, TableHasOneNumericCodePerRegion) {
-  std::set<std::string_view> regions;
-  int northAmerican = 0;
-  for (const auto& [region, code] : Phone::callingCodes) {
-    EXPECT_TRUE(regions.insert(region).second) << "duplicate " << region;
-    ASSERT_EQ(region.size(), 2u);
-    EXPECT_TRUE(std::isupper(region[0]) && std::isupper(region[1])) << region;
-    EXPECT_FALSE(code.empty());
-    EXPECT_EQ(code.find_first_not_of("0123456789"), std::string_view::npos) << region;
-    if (code == "1") ++northAmerican;
-  }
-  EXPECT_EQ(northAmerican, 25);
-  EXPECT_EQ(Phone::callingCode("GB"), "44");
-  EXPECT_EQ(Phone::callingCode("UY"), "598");
-  EXPECT_EQ(Phone::callingCode("gb"), std::nullopt);
-  EXPECT_EQ(Phone::callingCode("SM"), std::nullopt);
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -25,6 +24,7 @@
 #include "tests/e2e/child_process.h"
 #include "tests/support/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/text_file.h"
 
 namespace corvane::e2e {
 
@@ -35,6 +35,7 @@ using testing::ChildProcess;
 using testing::describe;
 using testing::ExitStatus;
 using testing::MessageSpec;
+using testing::readFile;
 using testing::TempDir;
 using Stream = ChildProcess::Stream;
 
@@ -50,17 +51,6 @@ inline const std::string kConfigRequest = "GET /api/agent/config";
 inline std::int64_t wallClockMs() {
   using namespace std::chrono;
   return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
-
-inline std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-inline void writeFile(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
 }
 
 // The messages of the log, each without its "[time] " prefix.
@@ -149,12 +139,6 @@ class DevServer {
     state();
     waitForRequest(kStateRequest, before + 1);
     return process_.out();
-  }
-
-  // SIGTERM, as a user's Ctrl-C; the --db file is complete afterwards.
-  std::optional<ExitStatus> stop() {
-    process_.signal(SIGTERM);
-    return process_.wait();
   }
 
  private:

@@ -33,15 +33,6 @@ class FakePrivacyServices final : public PrivacyServices {
   void openURL(const std::string& url) override { opened.push_back(url); }
 };
 
-TEST(PrivacyPaneTest, BuildsTheSettingsURLOfEachAnchor) {
-  EXPECT_EQ(PrivacyPane::url(PrivacyPane::fullDiskAccess),
-            "x-apple.systempreferences:com.apple.preference.security?Privacy_AllFiles");
-  EXPECT_EQ(PrivacyPane::url(PrivacyPane::automation),
-            "x-apple.systempreferences:com.apple.preference.security?Privacy_Automation");
-  EXPECT_EQ(PrivacyPane::url(PrivacyPane::contacts),
-            "x-apple.systempreferences:com.apple.preference.security?Privacy_Contacts");
-}
-
 TEST(PrivacyPaneTest, AnchorThatMakesNoURLGivesNone) {
   for (const char* anchor : {"Privacy AllFiles", "Privacy_\u00c4", "Privacy_%zz", "Privacy_%4",
                              "a#b#c", "a\"b", "a<b>", "a\\b", "a\nb"}) {
@@ -191,18 +182,14 @@ class SystemPermissionProbesTest : public ::testing::Test {
   }
 };
 
-TEST_F(SystemPermissionProbesTest, ReadableDatabaseWithMessagesIsReady) {
-  ChatDbBuilder db(home_.file("chat.db"));
-  db.message(db.oneToOne("+14155550100"), "hi");
-  EXPECT_EQ(probes_.probeFullDiskAccess(db.path()), (FullDiskAccess{true, true}));
-}
-
-TEST_F(SystemPermissionProbesTest, EmptyDatabaseIsReadableButNotReady) {
+// Ready takes a message; a missing database falls back to whether the
+// privacy database can be read.
+TEST_F(SystemPermissionProbesTest, FullDiskAccessFromTheDatabaseOrThePrivacyDatabase) {
   ChatDbBuilder db(home_.file("chat.db"));
   EXPECT_EQ(probes_.probeFullDiskAccess(db.path()), (FullDiskAccess{true, false}));
-}
+  db.message(db.oneToOne("+14155550100"), "hi");
+  EXPECT_EQ(probes_.probeFullDiskAccess(db.path()), (FullDiskAccess{true, true}));
 
-TEST_F(SystemPermissionProbesTest, MissingDatabaseFallsBackToThePrivacyDatabase) {
   const std::string missing = home_.file("Library/Messages/chat.db");
   EXPECT_EQ(probes_.probeFullDiskAccess(missing), (FullDiskAccess{false, false}));
   makePrivacyDatabase();

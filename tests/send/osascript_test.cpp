@@ -116,12 +116,7 @@ TEST_F(OsascriptTest, ChildThatIgnoresItsInputDoesNotBreakTheRunner) {
   EXPECT_EQ(r, (OsascriptResult{3, "", "gave up"}));
 }
 
-TEST_F(OsascriptTest, TimeOutKillsTheChildAndSaysSo) {
-  const auto r = run("exec sleep 30", "", {}, 0.2);
-  EXPECT_EQ(r.code, SIGKILL);
-  EXPECT_EQ(r.stderrText, "osascript timed out after 0s");
-}
-
+// The time-out kills the child and says so, on a line after any error text.
 TEST_F(OsascriptTest, TimeOutNoteGoesOnItsOwnLineAfterEarlierErrorText) {
   const auto r = run("echo partial; printf 'still working' >&2; exec sleep 30", "", {}, 1.5);
   EXPECT_EQ(r.code, SIGKILL);
@@ -232,24 +227,6 @@ TEST(OsascriptExplainTest, LongTextsAreCutByCharacters) {
   // 14 characters of "invalid index " and 186 accented letters make 200.
   EXPECT_EQ(Osascript::explain("invalid index " + accented),
             "Messages couldn't find that recipient: invalid index " + accented.substr(0, 2 * 186));
-}
-
-TEST(AppleScriptsTest, ScriptTextsAreExact) {
-  EXPECT_EQ(AppleScripts::iMessage,
-            "on run argv\n"
-            "  tell application \"Messages\"\n"
-            "    set svc to 1st account whose service type = iMessage\n"
-            "    send (item 1 of argv) to participant (item 2 of argv) of svc\n"
-            "  end tell\n"
-            "end run\n");
-  EXPECT_EQ(AppleScripts::sms,
-            "on run argv\n"
-            "  tell application \"Messages\"\n"
-            "    set svc to 1st account whose service type = SMS\n"
-            "    send (item 1 of argv) to participant (item 2 of argv) of svc\n"
-            "  end tell\n"
-            "end run\n");
-  EXPECT_EQ(AppleScripts::probe, "tell application \"Messages\" to get name\n");
 }
 
 }  // namespace

@@ -197,15 +197,15 @@ void ChatDbBuilder::insertMany(const std::string& table, std::vector<Row> rows) 
 }
 
 ChatDbBuilder::Row ChatDbBuilder::messageRow(std::int64_t chat, const MessageSpec& spec,
-                                             std::optional<std::int64_t> rowid) {
+                                             std::int64_t rowid) {
   const std::int64_t ms = spec.dateMs.value_or(clockMs_ += 60000);
   const std::int64_t stored = spec.rawDate ? *spec.rawDate : storedDate(ms);
   const std::string guid = spec.guid.value_or("MSG-" + std::to_string(nextGuid_++));
   const TextStorage storage = spec.storage.value_or(storage_);
 
   Row row;
-  if (rowid) row.set("ROWID", *rowid);
-  row.set("guid", guid)
+  row.set("ROWID", rowid)
+      .set("guid", guid)
       .set("date", spec.nullDate ? SQLValue() : SQLValue(stored))
       .set("is_from_me", spec.fromMe ? 1 : 0)
       .set("handle_id",
@@ -252,12 +252,9 @@ void ChatDbBuilder::noteMessage(std::int64_t rowid, const MessageSpec& spec) {
   else explicitFlag_.insert(rowid);
 }
 
+// One row at a time goes the bulk way too, so both write the same rows.
 std::int64_t ChatDbBuilder::message(std::int64_t chat, const MessageSpec& spec) {
-  const Row row = messageRow(chat, spec, std::nullopt);
-  const std::int64_t rowid = insert("message", row);
-  insert("chat_message_join", joinRow(chat, rowid, spec, row));
-  noteMessage(rowid, spec);
-  return rowid;
+  return messages({{chat, spec}}).front();
 }
 
 std::vector<std::int64_t> ChatDbBuilder::messages(const std::vector<ChatMessage>& batch) {
@@ -285,12 +282,11 @@ void ChatDbBuilder::join(std::int64_t chat, std::int64_t message) {
   db_.run("INSERT INTO chat_message_join (chat_id, message_id) VALUES (?, ?)", {chat, message});
 }
 
-ChatDbBuilder::Row ChatDbBuilder::attachmentRow(const AttachmentSpec& spec,
-                                                std::optional<std::int64_t> rowid) {
-  if (!schema_.attachmentTable) throw std::logic_error("this schema has no attachment table");
+ChatDbBuilder::Row ChatDbBuilder::attachmentRow(const AttachmentSpec& spec, std::int64_t rowid) {
   Row row;
-  if (rowid) row.set("ROWID", *rowid);
-  row.set("guid", "ATT-" + std::to_string(nextGuid_++)).set("mime_type", optionalText(spec.mime));
+  row.set("ROWID", rowid)
+      .set("guid", "ATT-" + std::to_string(nextGuid_++))
+      .set("mime_type", optionalText(spec.mime));
   const auto optional = [&](const std::string& column, SQLValue value) {
     if (!schema_.omitAttachmentColumns.contains(column)) row.set(column, std::move(value));
   };
@@ -318,11 +314,7 @@ void ChatDbBuilder::flagAttachments(const std::vector<std::int64_t>& messages) {
 }
 
 std::int64_t ChatDbBuilder::attachment(std::int64_t message, const AttachmentSpec& spec) {
-  const std::int64_t id = insert("attachment", attachmentRow(spec, std::nullopt));
-  db_.run("INSERT INTO message_attachment_join (message_id, attachment_id) VALUES (?, ?)",
-          {message, id});
-  flagAttachments({message});
-  return id;
+  return attachments({{message, spec}}).front();
 }
 
 std::vector<std::int64_t> ChatDbBuilder::attachments(const std::vector<MessageAttachment>& batch) {

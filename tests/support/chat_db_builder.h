@@ -105,9 +105,8 @@ class ChatDbBuilder {
   std::int64_t message(std::int64_t chat, const std::string& text) {
     return message(chat, MessageSpec{.text = text});
   }
-  // The same rows as message() and attachment() one at a time, written with a
-  // few multi-row statements: what databases of a million messages need.
-  // Return the new ROWIDs in order.
+  // Many messages or attachments with a few multi-row statements: what
+  // databases of a million messages need. Return the new ROWIDs in order.
   std::vector<std::int64_t> messages(const std::vector<ChatMessage>& batch);
   std::vector<std::int64_t> attachments(const std::vector<MessageAttachment>& batch);
 
@@ -135,11 +134,11 @@ class ChatDbBuilder {
 
   void createSchema();
   bool hasMessageColumn(const std::string& c) const { return !schema_.omitMessageColumns.contains(c); }
-  // Rows with an explicit ROWID when `rowid` is given (bulk inserts).
-  Row messageRow(std::int64_t chat, const MessageSpec& spec, std::optional<std::int64_t> rowid);
+  // Rows with explicit ROWIDs, so that a bulk insert knows them in advance.
+  Row messageRow(std::int64_t chat, const MessageSpec& spec, std::int64_t rowid);
   static Row joinRow(std::int64_t chat, std::int64_t message, const MessageSpec& spec,
                      const Row& messageRow);
-  Row attachmentRow(const AttachmentSpec& spec, std::optional<std::int64_t> rowid);
+  Row attachmentRow(const AttachmentSpec& spec, std::int64_t rowid);
   void noteMessage(std::int64_t rowid, const MessageSpec& spec);
   void flagAttachments(const std::vector<std::int64_t>& messages);
   std::int64_t insert(const std::string& table, const Row& row);

@@ -49,13 +49,6 @@ TEST(SelfChannelTest, NormalizeForMatchFoldsWhatMessagesChanges) {
   }
 }
 
-TEST(SelfChannelTest, SkipReasonsHaveTheirWireNames) {
-  EXPECT_EQ(SelfChannel::toString(SkipReason::echo), "echo");
-  EXPECT_EQ(SelfChannel::toString(SkipReason::duplicate), "duplicate");
-  EXPECT_EQ(SelfChannel::toString(SkipReason::tooOld), "too-old");
-  EXPECT_EQ(SelfChannel::toString(SkipReason::sendError), "send-error");
-}
-
 TEST(SelfChannelTest, PruneDropsOldEntriesThenKeepsTheNewestByPosition) {
   const std::vector<SentText> list = {
       {"a", kNow - 101}, {"b", kNow - 100}, {"c", kNow}, {"d", kNow + 50}, {"e", kNow - 1}};

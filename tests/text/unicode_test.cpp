@@ -35,16 +35,6 @@ TEST(ClipUTF16Test, NeverSplitsACharacter) {
   }
 }
 
-TEST(ClipUTF16Test, LongEmojiTextStaysWithinLimitAndIsAPrefix) {
-  std::string text;
-  while (utf16Length(text) < 25000) text += "ab" + kFamily + kFlag;
-  const std::string clipped = clipUTF16(text, 20000);
-  EXPECT_LE(utf16Length(clipped), 20000u);
-  EXPECT_GT(utf16Length(clipped), 20000u - utf16Length(kFamily + kFlag + "ab"));
-  EXPECT_EQ(text.compare(0, clipped.size(), clipped), 0);
-  EXPECT_TRUE(isValidUTF8(clipped));
-}
-
 TEST(ClipUTF16Test, InvalidBytesGiveAPrefixOfTheInput) {
   const std::string bad = "ab\xff\xfe" "cd";
   const std::string clipped = clipUTF16(bad, 3);
@@ -92,14 +82,6 @@ TEST(UTF8Test, ValidationSeesEveryOffset) {
   }
 }
 
-TEST(UTF8Test, UTF16LengthCountsSurrogatePairs) {
-  EXPECT_EQ(utf16Length(""), 0u);
-  EXPECT_EQ(utf16Length("abc"), 3u);
-  EXPECT_EQ(utf16Length("\u00e9"), 1u);
-  EXPECT_EQ(utf16Length("\U0001F600"), 2u);
-  EXPECT_EQ(utf16Length(kFamily), 8u);
-}
-
 TEST(TrimTest, RemovesUnicodeSpacesAndLineBreaksOnly) {
   struct Case {
     std::string input, expected;
@@ -123,13 +105,6 @@ TEST(TextTest, LowercasingAndDigits) {
   EXPECT_TRUE(isDecimalDigit(U'\uFF15'));  // full-width five
   EXPECT_FALSE(isDecimalDigit(U'\u00BD'));  // vulgar fraction is a number, not a digit
   EXPECT_FALSE(isDecimalDigit(U'a'));
-}
-
-TEST(TextTest, PrefixGraphemesCountsCharacters) {
-  EXPECT_EQ(prefixGraphemes("abc", 2), "ab");
-  EXPECT_EQ(prefixGraphemes(kFlag + kFlag + "x", 2), kFlag + kFlag);
-  EXPECT_EQ(prefixGraphemes(kEAcute + "x", 1), kEAcute);
-  EXPECT_EQ(prefixGraphemes("ab", 5), "ab");
 }
 
 }  // namespace
