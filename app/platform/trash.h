@@ -29,7 +29,7 @@ class Trash {
   static std::unique_ptr<Trash> makeDefault();
 };
 
-// The home Trash of the freedesktop.org Trash specification: the item goes to
+// The home Trash that desktop file managers share: the item goes to
 // "files/<name>" and "info/<name>.trashinfo" records its original absolute
 // path (percent-encoded) and the deletion time (local time). Names already
 // taken get a number ("Corvane.2.app"). Only items on the Trash's own file

@@ -1,5 +1,5 @@
-// XdgAutostartLoginItem: launch at login on desktops that follow the XDG
-// Autostart specification, as the entry "corvane.desktop" in the user's
+// XdgAutostartLoginItem: launch at login on desktops that start what the
+// user's autostart folder holds, as the entry "corvane.desktop" in that
 // autostart folder. An entry the desktop's own settings turned off
 // ("Hidden=true", or GNOME's "X-GNOME-Autostart-enabled=false") counts as
 // not enabled.
