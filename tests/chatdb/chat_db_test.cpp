@@ -8,14 +8,14 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/text_file.h"
 
 namespace corvane {
 namespace {
 
-using testing::ChatDbBuilder;
+using chatdbgen::ChatDbBuilder;
 using testing::readFile;
 using testing::TempDir;
 

@@ -7,14 +7,14 @@
 #include <random>
 
 #include "core/chatdb/chat_db.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
 
 namespace corvane {
 namespace {
 
-using testing::ChatDbBuilder;
-using testing::MessageSpec;
+using chatdbgen::ChatDbBuilder;
+using chatdbgen::MessageSpec;
 using testing::TempDir;
 using Refresh = DirectoryCache::Refresh;
 

@@ -2,15 +2,15 @@
 
 #include "core/chatdb/chat_db.h"
 #include "core/protocol/iso_time.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
 
 namespace corvane {
 namespace {
 
-using testing::ChatDbBuilder;
-using testing::ChatDbSchema;
-using testing::MessageSpec;
+using chatdbgen::ChatDbBuilder;
+using chatdbgen::ChatDbSchema;
+using chatdbgen::MessageSpec;
 using testing::TempDir;
 
 constexpr std::int64_t kDay = 86400000;

@@ -4,19 +4,19 @@
 #include "core/chatdb/typed_stream.h"
 #include "core/protocol/iso_time.h"
 #include "core/text/unicode.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
 
 namespace corvane {
 namespace {
 
-using testing::AttachmentSpec;
-using testing::ChatDbBuilder;
-using testing::ChatDbSchema;
-using testing::DateUnit;
-using testing::MessageSpec;
+using chatdbgen::AttachmentSpec;
+using chatdbgen::ChatDbBuilder;
+using chatdbgen::ChatDbSchema;
+using chatdbgen::DateUnit;
+using chatdbgen::MessageSpec;
 using testing::TempDir;
-using testing::TextStorage;
+using chatdbgen::TextStorage;
 
 const std::string kAlex = "+14155550100";
 // A database with one one-to-one chat, read back through ChatDB, recording

@@ -1,18 +1,18 @@
 #include <gtest/gtest.h>
 
 #include "core/chatdb/chat_db.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
 
 namespace corvane {
 namespace {
 
-using testing::ChatDbBuilder;
-using testing::ChatDbSchema;
-using testing::DateUnit;
-using testing::MessageSpec;
+using chatdbgen::ChatDbBuilder;
+using chatdbgen::ChatDbSchema;
+using chatdbgen::DateUnit;
+using chatdbgen::MessageSpec;
 using testing::TempDir;
-using testing::TextStorage;
+using chatdbgen::TextStorage;
 
 constexpr std::int64_t kDay = 86400000;
 constexpr std::int64_t kNow = 1700000000000;

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "tests/e2e/child_process.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/text_file.h"
 
@@ -30,11 +30,11 @@ namespace corvane::e2e {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using testing::ChatDbBuilder;
+using chatdbgen::ChatDbBuilder;
 using testing::ChildProcess;
 using testing::describe;
 using testing::ExitStatus;
-using testing::MessageSpec;
+using chatdbgen::MessageSpec;
 using testing::readFile;
 using testing::TempDir;
 using Stream = ChildProcess::Stream;

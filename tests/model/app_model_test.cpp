@@ -573,7 +573,7 @@ TEST(AppModelReportTest, OwnHandlesAreReadAtMostHourlyAndReportedWhenTheyChange)
   AppModelRig rig;
   rig.options.chatDBPath = rig.dir.file("own.db");
   {
-    testing::ChatDbBuilder db(rig.options.chatDBPath);
+    chatdbgen::ChatDbBuilder db(rig.options.chatDBPath);
     const auto self = db.oneToOne("+14155550199");
     db.message(self, {.text = "note", .fromMe = true, .dateMs = rig.scheduler.nowMs() - 1000,
                       .destinationCallerId = "+14155550199"});

@@ -9,14 +9,14 @@
 #include <vector>
 
 #include "core/send/apple_scripts.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
 
 namespace corvane {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ChatDbBuilder;
+using chatdbgen::ChatDbBuilder;
 using testing::TempDir;
 
 // Answers like the Apple-event and workspace calls would, and records them.

@@ -9,14 +9,14 @@
 #include "core/send/apple_script_sender.h"
 #include "core/send/apple_scripts.h"
 #include "core/send/fake_sender.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
 
 namespace corvane {
 namespace {
 
-using testing::ChatDbBuilder;
-using testing::MessageSpec;
+using chatdbgen::ChatDbBuilder;
+using chatdbgen::MessageSpec;
 using testing::TempDir;
 
 const std::string kAlex = "+14155550100";

@@ -25,7 +25,7 @@
 
 #include "app/model/app_model.h"
 #include "app/model/thread_worker.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/fake_agent_api.h"
 #include "tests/support/recording.h"
 #include "tests/support/temp_dir.h"
@@ -147,7 +147,7 @@ class AppModelRig {
   AppModel::APIFactory makeAPI;
 
   AppModelRig() {
-    ChatDbBuilder db(chatDB);
+    chatdbgen::ChatDbBuilder db(chatDB);
     db.message(db.oneToOne("+14155550100"), "hi");
   }
 

@@ -12,7 +12,7 @@
 #include "core/protocol/iso_time.h"
 #include "core/sync/contacts_cache.h"
 #include "core/sync/sync_engine.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/fake_agent_api.h"
 #include "tests/support/recording.h"
 #include "tests/support/temp_dir.h"
@@ -20,7 +20,7 @@
 namespace corvane {
 namespace {
 
-using testing::ChatDbBuilder;
+using chatdbgen::ChatDbBuilder;
 using testing::FakeAgentAPI;
 using testing::RecordingLogger;
 using testing::RecordingSender;
@@ -79,7 +79,7 @@ class DaemonTest : public ::testing::Test {
  protected:
   DaemonTest() : builder(dir.file("chat.db")) {
     const auto chat = builder.oneToOne("+14155550100");
-    builder.message(chat, testing::MessageSpec{.text = "hi", .dateMs = kNow - 1000});
+    builder.message(chat, chatdbgen::MessageSpec{.text = "hi", .dateMs = kNow - 1000});
     api->config.pollIntervalSec = 60;
   }
 

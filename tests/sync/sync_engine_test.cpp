@@ -5,7 +5,7 @@
 #include "core/chatdb/directory_cache.h"
 #include "core/protocol/iso_time.h"
 #include "core/sync/self_channel.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/fake_agent_api.h"
 #include "tests/support/recording.h"
 #include "tests/support/temp_dir.h"
@@ -13,9 +13,9 @@
 namespace corvane {
 namespace {
 
-using testing::ChatDbBuilder;
+using chatdbgen::ChatDbBuilder;
+using chatdbgen::MessageSpec;
 using testing::FakeAgentAPI;
-using testing::MessageSpec;
 using testing::RecordingLogger;
 using testing::RecordingSender;
 using testing::TempDir;

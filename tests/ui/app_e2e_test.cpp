@@ -44,9 +44,9 @@ TEST(AppEndToEndTest, PairingByCodeSyncsAndTheMenuShowsIt) {
   };
   rig.options.chatDBPath = rig.dir.file("recent.db");
   {
-    testing::ChatDbBuilder db(rig.options.chatDBPath);
+    chatdbgen::ChatDbBuilder db(rig.options.chatDBPath);
     db.message(db.oneToOne(kRosterHandle),
-               testing::MessageSpec{.text = "see you at six", .dateMs = nowMs() - 60000});
+               chatdbgen::MessageSpec{.text = "see you at six", .dateMs = nowMs() - 60000});
   }
   e2e::DevServer server(std::string(binDir) + "/corvane-devserver",
                         {"--pair-code", "DEV12345", "--roster", kRosterHandle}, {});

@@ -278,7 +278,7 @@ std::optional<std::string> groupName(Random& random) {
   return std::string(random.pick(Words(kGroupNames)));
 }
 
-testing::AttachmentSpec attachmentSpec(Random& random) {
+AttachmentSpec attachmentSpec(Random& random) {
   const std::string n = std::to_string(random.between(1000, 9999));
   const std::uint64_t roll = random.below(100);
   if (roll < 50) return {"image/jpeg", "public.jpeg", "IMG_" + n + ".jpeg", false};
@@ -292,7 +292,7 @@ testing::AttachmentSpec attachmentSpec(Random& random) {
   return {"image/gif", "com.compuserve.gif", "giphy-" + n + ".gif", false};
 }
 
-testing::AttachmentSpec linkPreviewSpec(Random& random) {
+AttachmentSpec linkPreviewSpec(Random& random) {
   const std::string guid = makeGuid(random);
   return {std::nullopt, "com.apple.messages.URLBalloonProvider", guid + ".pluginPayloadAttachment",
           false};

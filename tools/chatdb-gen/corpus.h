@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tools/chatdb-gen/random.h"
 
 namespace corvane::chatdbgen {
@@ -35,9 +35,9 @@ std::optional<std::string> groupName(Random& random);
 
 // One attachment of an ordinary message: photos most often, then videos,
 // voice messages, stickers and files.
-testing::AttachmentSpec attachmentSpec(Random& random);
+AttachmentSpec attachmentSpec(Random& random);
 // The link-preview payload the Messages application adds to a link.
-testing::AttachmentSpec linkPreviewSpec(Random& random);
+AttachmentSpec linkPreviewSpec(Random& random);
 
 // An upper-case 8-4-4-4-12 hex GUID.
 std::string makeGuid(Random& random);

@@ -7,17 +7,13 @@
 
 #include "core/chatdb/chat_db.h"
 #include "core/contacts/phone.h"
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 #include "tools/chatdb-gen/corpus.h"
 #include "tools/chatdb-gen/random.h"
 
 namespace corvane::chatdbgen {
 namespace {
 
-using testing::AttachmentSpec;
-using testing::ChatDbBuilder;
-using testing::MessageSpec;
-using testing::TextStorage;
 
 constexpr std::int64_t kDayMs = 86400000;
 constexpr std::int64_t kMaxMessages = std::int64_t{1} << 31;
@@ -105,8 +101,8 @@ class Generator {
   Generator(const std::string& path, const GeneratorOptions& options)
       : options_(options),
         random_(options.seed),
-        builder_(path, testing::ChatDbSchema::full(),
-                 options.seconds ? testing::DateUnit::seconds : testing::DateUnit::nanoseconds,
+        builder_(path, ChatDbSchema::full(),
+                 options.seconds ? DateUnit::seconds : DateUnit::nanoseconds,
                  TextStorage::both) {
     for (const auto& handle : options_.ownHandles) ownNormalized_.insert(*normalizedOwn(handle));
     // GUIDs are random, so their index is written all over; with SQLite's
@@ -254,7 +250,7 @@ class Generator {
 
   void flush() {
     const auto ids = builder_.messages(pending_);
-    std::vector<testing::MessageAttachment> files;
+    std::vector<MessageAttachment> files;
     for (auto& [index, spec] : pendingFiles_) files.push_back({ids[index], std::move(spec)});
     builder_.attachments(files);
     pending_.clear();
@@ -361,7 +357,7 @@ class Generator {
   std::vector<Chat> chats_;  // the notes-to-self chat, when there is one, last
   GenerationSummary summary_;
   // Rows planned but not yet written, and their attachments by row index.
-  std::vector<testing::ChatMessage> pending_;
+  std::vector<ChatMessage> pending_;
   std::vector<std::pair<std::size_t, AttachmentSpec>> pendingFiles_;
 };
 

@@ -1,11 +1,11 @@
-#include "tests/support/chat_db_builder.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 
 #include <algorithm>
 #include <stdexcept>
 
 #include "core/chatdb/typed_stream.h"
 
-namespace corvane::testing {
+namespace corvane::chatdbgen {
 namespace {
 
 constexpr std::int64_t kAppleEpochMs = 978307200000;
@@ -345,4 +345,4 @@ void ChatDbBuilder::transaction(const std::function<void()>& body) {
   db_.exec("COMMIT");
 }
 
-}  // namespace corvane::testing
+}  // namespace corvane::chatdbgen

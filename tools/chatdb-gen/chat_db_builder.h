@@ -1,4 +1,4 @@
-// Writes Messages-schema databases for tests, tools and benchmarks:
+// Writes Messages-schema databases for the generator, the tests and the benchmarks:
 //
 //   ChatDbBuilder db(dir.file("chat.db"));
 //   auto alex = db.oneToOne("+14155550100");
@@ -20,7 +20,7 @@
 
 #include "core/chatdb/sqlite_db.h"
 
-namespace corvane::testing {
+namespace corvane::chatdbgen {
 
 struct ChatDbSchema {
   // Optional columns of "message", "attachment" and "handle" to leave out.
@@ -157,4 +157,4 @@ class ChatDbBuilder {
   std::set<std::int64_t> explicitFlag_;  // messages whose attachment flag the test chose
 };
 
-}  // namespace corvane::testing
+}  // namespace corvane::chatdbgen
