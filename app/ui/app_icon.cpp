@@ -67,80 +67,75 @@ QPainterPath exchangeMark() {
   return stroker.createStroke(arcs).united(heads).simplified();
 }
 
-QImage blankImage(int size) {
+// A transparent square of `size` pixels with `paint` drawn on it in canvas
+// units, or a null image for a size out of range.
+template <typename Paint>
+QImage paintOnCanvas(int size, Paint paint) {
   if (size <= 0 || size > maxRenderSize) return {};
   QImage image(size, size, QImage::Format_ARGB32_Premultiplied);
   if (image.isNull()) return {};
   image.fill(Qt::transparent);
-  return image;
-}
-
-void scaleToCanvas(QPainter& painter, int size) {
+  QPainter painter(&image);
   painter.setRenderHint(QPainter::Antialiasing);
   painter.scale(size / kCanvas, size / kCanvas);
+  painter.setPen(Qt::NoPen);
+  paint(painter);
+  painter.end();
+  return image;
 }
 
 }  // namespace
 
 QImage draw(int size) {
-  QImage image = blankImage(size);
-  if (image.isNull()) return image;
-  QPainter painter(&image);
-  scaleToCanvas(painter, size);
-  painter.setPen(Qt::NoPen);
+  return paintOnCanvas(size, [](QPainter& painter) {
+    // A soft shadow under the body: stacked translucent layers, widest first.
+    for (int layer = 0; layer < 8; ++layer) {
+      const double spread = 22.0 - layer * 2.75;
+      painter.setBrush(QColor(20, 10, 40, 7 + layer * 2));
+      painter.drawRoundedRect(kBody.adjusted(-spread, -spread + 14, spread, spread + 14),
+                              kBodyRadius + spread, kBodyRadius + spread);
+    }
 
-  // A soft shadow under the body: stacked translucent layers, widest first.
-  for (int layer = 0; layer < 8; ++layer) {
-    const double spread = 22.0 - layer * 2.75;
-    painter.setBrush(QColor(20, 10, 40, 7 + layer * 2));
-    painter.drawRoundedRect(kBody.adjusted(-spread, -spread + 14, spread, spread + 14),
-                            kBodyRadius + spread, kBodyRadius + spread);
-  }
+    QLinearGradient fill(kBody.topLeft(), kBody.bottomRight());
+    fill.setColorAt(0.0, QColor(0xFF, 0xA0, 0x6A));
+    fill.setColorAt(0.48, QColor(0xE8, 0x4C, 0x7D));
+    fill.setColorAt(1.0, QColor(0x5B, 0x3C, 0xC4));
+    painter.setBrush(fill);
+    painter.drawRoundedRect(kBody, kBodyRadius, kBodyRadius);
 
-  QLinearGradient fill(kBody.topLeft(), kBody.bottomRight());
-  fill.setColorAt(0.0, QColor(0xFF, 0xA0, 0x6A));
-  fill.setColorAt(0.48, QColor(0xE8, 0x4C, 0x7D));
-  fill.setColorAt(1.0, QColor(0x5B, 0x3C, 0xC4));
-  painter.setBrush(fill);
-  painter.drawRoundedRect(kBody, kBodyRadius, kBodyRadius);
+    // Light from above: a faint glow over the upper part of the body.
+    QRadialGradient glow(QPointF(420, 150), 720);
+    glow.setColorAt(0.0, QColor(255, 255, 255, 70));
+    glow.setColorAt(1.0, QColor(255, 255, 255, 0));
+    painter.setBrush(glow);
+    painter.drawRoundedRect(kBody, kBodyRadius, kBodyRadius);
 
-  // Light from above: a faint glow over the upper part of the body.
-  QRadialGradient glow(QPointF(420, 150), 720);
-  glow.setColorAt(0.0, QColor(255, 255, 255, 70));
-  glow.setColorAt(1.0, QColor(255, 255, 255, 0));
-  painter.setBrush(glow);
-  painter.drawRoundedRect(kBody, kBodyRadius, kBodyRadius);
+    const QPainterPath shape = bubble();
+    painter.setBrush(QColor(40, 10, 60, 50));
+    painter.drawPath(shape.translated(0, 12));
+    painter.setBrush(QColor(255, 255, 255, 245));
+    painter.drawPath(shape);
 
-  const QPainterPath shape = bubble();
-  painter.setBrush(QColor(40, 10, 60, 50));
-  painter.drawPath(shape.translated(0, 12));
-  painter.setBrush(QColor(255, 255, 255, 245));
-  painter.drawPath(shape);
-
-  QLinearGradient ink(QPointF(390, 360), QPointF(634, 604));
-  ink.setColorAt(0.0, QColor(0xF0, 0x5A, 0x78));
-  ink.setColorAt(1.0, QColor(0x6A, 0x42, 0xD0));
-  painter.setBrush(ink);
-  painter.drawPath(exchangeMark());
-  return image;
+    QLinearGradient ink(QPointF(390, 360), QPointF(634, 604));
+    ink.setColorAt(0.0, QColor(0xF0, 0x5A, 0x78));
+    ink.setColorAt(1.0, QColor(0x6A, 0x42, 0xD0));
+    painter.setBrush(ink);
+    painter.drawPath(exchangeMark());
+  });
 }
 
 QImage drawTemplate(int size) {
-  QImage image = blankImage(size);
-  if (image.isNull()) return image;
-  QPainter painter(&image);
-  scaleToCanvas(painter, size);
-  painter.setPen(Qt::NoPen);
-  // The bubble fills the square: at 18 pixels every one counts.
-  painter.translate(kCanvas / 2, kCanvas / 2);
-  painter.scale(1.55, 1.55);
-  painter.translate(-kCanvas / 2, -527);
-  painter.setBrush(Qt::black);
-  painter.drawPath(bubble());
-  // The mark is cut out of the bubble, so the menu bar shows through it.
-  painter.setCompositionMode(QPainter::CompositionMode_Clear);
-  painter.drawPath(exchangeMark());
-  return image;
+  return paintOnCanvas(size, [](QPainter& painter) {
+    // The bubble fills the square: at 18 pixels every one counts.
+    painter.translate(kCanvas / 2, kCanvas / 2);
+    painter.scale(1.55, 1.55);
+    painter.translate(-kCanvas / 2, -527);
+    painter.setBrush(Qt::black);
+    painter.drawPath(bubble());
+    // The mark is cut out of the bubble, so the menu bar shows through it.
+    painter.setCompositionMode(QPainter::CompositionMode_Clear);
+    painter.drawPath(exchangeMark());
+  });
 }
 
 QIcon windowIcon() {

@@ -5,6 +5,7 @@
 #include <QCheckBox>
 #include <QDesktopServices>
 #include <QFontMetrics>
+#include <QFrame>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
@@ -168,6 +169,17 @@ QWidget* makePage(QStackedWidget* stack) {
 
 QVBoxLayout* column(QWidget* page) { return static_cast<QVBoxLayout*>(page->layout()); }
 
+// A shaded box with a column of its own.
+QFrame* makeCard(const char* name, int verticalMargin, int spacing, QWidget* parent) {
+  auto* card = new QFrame(parent);
+  card->setObjectName(QString::fromLatin1(name));
+  card->setProperty("role", QStringLiteral("card"));
+  auto* layout = new QVBoxLayout(card);
+  layout->setContentsMargins(22, verticalMargin, 22, verticalMargin);
+  layout->setSpacing(spacing);
+  return card;
+}
+
 QIcon chevronIcon() {
   constexpr int side = 22;
   QPixmap pixmap(side * 2, side * 2);
@@ -242,8 +254,9 @@ class StepDots : public QWidget {
     painter.setRenderHint(QPainter::Antialiasing);
     painter.setPen(Qt::NoPen);
     for (int i = 0; i < count; ++i) {
-      QColor colour = i == current_ ? accent : i < current_ ? QColor(0xa9, 0xc3, 0xf3)
-                                                            : QColor(0xd6, 0xd7, 0xdc);
+      QColor colour = i == current_  ? accent
+                      : i < current_ ? QColor(0xa9, 0xc3, 0xf3)
+                                     : QColor(0xd6, 0xd7, 0xdc);
       painter.setBrush(colour);
       const qreal d = i == current_ ? 9 : 7;
       painter.drawEllipse(QPointF(i * pitch + pitch / 2.0, height() / 2.0), d / 2, d / 2);
@@ -333,8 +346,8 @@ SetupWindow::~SetupWindow() { model_.unobserve(observer_); }
 
 QWidget* SetupWindow::buildMovePage() {
   QWidget* page = makePage(pages_);
-  auto* move = makeButton("moveToApplications", "primary", QStringLiteral("Move to Applications"),
-                          page);
+  auto* move =
+      makeButton("moveToApplications", "primary", QStringLiteral("Move to Applications"), page);
   connect(move, &QPushButton::clicked, this, [this] { model_.moveToApplications(); });
   auto* notNow = makeButton("notNow", "link", QStringLiteral("Not now"), page);
   connect(notNow, &QPushButton::clicked, this, [this] { model_.skip(SetupStep::move); });
@@ -357,7 +370,8 @@ QWidget* SetupWindow::buildConnectPage() {
   actions->setSpacing(10);
   connectWithBrowser_ = makeButton("connectWithBrowser", "primary",
                                    QStringLiteral("Connect with Corvane"), connectActions_);
-  connect(connectWithBrowser_, &QPushButton::clicked, this, [this] { model_.connectWithBrowser(); });
+  connect(connectWithBrowser_, &QPushButton::clicked, this,
+          [this] { model_.connectWithBrowser(); });
   actions->addWidget(centredRow(connectActions_, {connectWithBrowser_}));
   waitingForBrowser_ = makeLabel("waitingForBrowser", "note", connectActions_);
   waitingForBrowser_->setText(QStringLiteral("Finish signing in in your browser\u2026"));
@@ -402,13 +416,9 @@ QWidget* SetupWindow::buildConnectPage() {
   column(page)->addWidget(connectActions_);
 
   // A link that waits for the user's word.
-  auto* card = new QFrame(page);
-  card->setObjectName(QStringLiteral("pendingLink"));
-  card->setProperty("role", QStringLiteral("card"));
+  QFrame* card = makeCard("pendingLink", 18, 10, page);
   pendingLinkBox_ = card;
-  auto* cardLayout = new QVBoxLayout(card);
-  cardLayout->setContentsMargins(22, 18, 22, 18);
-  cardLayout->setSpacing(10);
+  auto* cardLayout = column(card);
   pendingLinkText_ = makeLabel("pendingLinkText", "", card);
   untrustedWarning_ = makeLabel("untrustedWarning", "warning", card);
   untrustedWarning_->setText(q(SetupTexts::untrustedServerWarning));
@@ -426,7 +436,8 @@ QWidget* SetupWindow::buildConnectPage() {
   // Paired.
   connectedAs_ = makeLabel("connectedAs", "success", nullptr);
   connectedAs_->setWordWrap(false);
-  connectedRow_ = centredRow(page, {new SymbolView(Symbol::checkmarkCircle, green, 22), connectedAs_}, 8);
+  connectedRow_ =
+      centredRow(page, {new SymbolView(Symbol::checkmarkCircle, green, 22), connectedAs_}, 8);
   column(page)->addWidget(connectedRow_);
   connectContinue_ = makeButton("connectContinue", "primary", QStringLiteral("Continue"), page);
   connect(connectContinue_, &QPushButton::clicked, this,
@@ -451,8 +462,8 @@ QWidget* SetupWindow::buildFullDiskPage() {
   auto* actions = new QVBoxLayout(fullDiskActions_);
   actions->setContentsMargins(0, 0, 0, 0);
   actions->setSpacing(10);
-  auto* open = makeButton("openFullDiskSettings", "primary",
-                          QStringLiteral("Open System Settings"), fullDiskActions_);
+  auto* open = makeButton("openFullDiskSettings", "primary", QStringLiteral("Open System Settings"),
+                          fullDiskActions_);
   connect(open, &QPushButton::clicked, this, [this] { model_.openFullDiskSettings(); });
   auto* reveal = makeButton("revealApplication", "secondary",
                             QStringLiteral("Show Corvane in Finder"), fullDiskActions_);
@@ -468,7 +479,8 @@ QWidget* SetupWindow::buildFullDiskPage() {
   actions->addWidget(fullDiskWaiting_);
   column(page)->addWidget(fullDiskActions_);
 
-  fullDiskGrantedRow_ = grantedRow("fullDiskGranted", QStringLiteral("Corvane can read Messages"), page);
+  fullDiskGrantedRow_ =
+      grantedRow("fullDiskGranted", QStringLiteral("Corvane can read Messages"), page);
   column(page)->addWidget(fullDiskGrantedRow_);
   fullDiskContinue_ = makeButton("fullDiskContinue", "primary", QStringLiteral("Continue"), page);
   connect(fullDiskContinue_, &QPushButton::clicked, this,
@@ -488,13 +500,9 @@ QWidget* SetupWindow::buildAutomationPage() {
   automationBusy_->setText(QStringLiteral("Click OK in the box macOS shows\u2026"));
   column(page)->addWidget(automationBusy_);
 
-  auto* denied = new QFrame(page);
-  denied->setObjectName(QStringLiteral("automationDeniedBox"));
-  denied->setProperty("role", QStringLiteral("card"));
+  QFrame* denied = makeCard("automationDeniedBox", 16, 12, page);
   automationDeniedBox_ = denied;
-  auto* deniedLayout = new QVBoxLayout(denied);
-  deniedLayout->setContentsMargins(22, 16, 22, 16);
-  deniedLayout->setSpacing(12);
+  auto* deniedLayout = column(denied);
   deniedLayout->addWidget(makeRichLabel(
       "automationDenied", "",
       "macOS said no. To fix it, open System Settings \u203A Privacy & Security \u203A Automation "
@@ -516,7 +524,8 @@ QWidget* SetupWindow::buildAutomationPage() {
   automationGrantedRow_ =
       grantedRow("automationGranted", QStringLiteral("Corvane can send through Messages"), page);
   column(page)->addWidget(automationGrantedRow_);
-  automationContinue_ = makeButton("automationContinue", "primary", QStringLiteral("Continue"), page);
+  automationContinue_ =
+      makeButton("automationContinue", "primary", QStringLiteral("Continue"), page);
   connect(automationContinue_, &QPushButton::clicked, this,
           [this] { model_.advance(SetupStep::automation); });
   column(page)->addWidget(centredRow(page, {automationContinue_}));
@@ -541,13 +550,9 @@ QWidget* SetupWindow::buildContactsPage() {
   contactsGrantedRow_ = grantedRow("contactsGranted", QStringLiteral("Names are on"), page);
   column(page)->addWidget(contactsGrantedRow_);
 
-  auto* denied = new QFrame(page);
-  denied->setObjectName(QStringLiteral("contactsDeniedBox"));
-  denied->setProperty("role", QStringLiteral("card"));
+  QFrame* denied = makeCard("contactsDeniedBox", 16, 12, page);
   contactsDeniedBox_ = denied;
-  auto* deniedLayout = new QVBoxLayout(denied);
-  deniedLayout->setContentsMargins(22, 16, 22, 16);
-  deniedLayout->setSpacing(12);
+  auto* deniedLayout = column(denied);
   auto* deniedText = makeLabel("contactsDenied", "", denied);
   deniedText->setText(
       QStringLiteral("Contacts access is off. You can turn it on later in System Settings \u203A "
@@ -578,7 +583,8 @@ QWidget* SetupWindow::buildDonePage() {
   launchAtLogin_ = new ToggleSwitch(QStringLiteral("Launch Corvane when I log in"), page);
   launchAtLogin_->setObjectName(QStringLiteral("launchAtLogin"));
   launchAtLogin_->setCursor(Qt::PointingHandCursor);
-  connect(launchAtLogin_, &QCheckBox::toggled, this, [this](bool on) { model_.setLaunchAtLogin(on); });
+  connect(launchAtLogin_, &QCheckBox::toggled, this,
+          [this](bool on) { model_.setLaunchAtLogin(on); });
   column(page)->addWidget(centredRow(page, {launchAtLogin_}));
   loginItemError_ = makeLabel("loginItemError", "error", page);
   column(page)->addWidget(loginItemError_);
@@ -679,7 +685,8 @@ void SetupWindow::renderConnect(const AppModel::Published& p) {
   connectActions_->setVisible(!p.connected && !pending);
   connectWithBrowser_->setEnabled(!pairing);
   waitingForBrowser_->setVisible(p.pairing.kind == PairingState::Kind::waitingForBrowser);
-  codeToggle_->setText(codeOpen_ ? QStringLiteral("Hide code box") : QStringLiteral("Have a code?"));
+  codeToggle_->setText(codeOpen_ ? QStringLiteral("Hide code box")
+                                 : QStringLiteral("Have a code?"));
   codeBox_->setVisible(codeOpen_);
   codeConnect_->setEnabled(!pairing);
   const bool failed = p.pairing.kind == PairingState::Kind::failed;

@@ -22,20 +22,13 @@ bool isLetter(char32_t c) {
 }
 
 bool isAlphanumeric(char32_t c) {
-  if (c < 0x80) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-  }
+  if (isLetter(c)) return true;
+  if (c < 0x80) return c >= '0' && c <= '9';
   switch (utf8proc_category(static_cast<utf8proc_int32_t>(c))) {
-    case UTF8PROC_CATEGORY_LU:
-    case UTF8PROC_CATEGORY_LL:
-    case UTF8PROC_CATEGORY_LT:
-    case UTF8PROC_CATEGORY_LM:
-    case UTF8PROC_CATEGORY_LO:
     case UTF8PROC_CATEGORY_MN:
     case UTF8PROC_CATEGORY_MC:
     case UTF8PROC_CATEGORY_ME:
     case UTF8PROC_CATEGORY_ND:
-    case UTF8PROC_CATEGORY_NL:
     case UTF8PROC_CATEGORY_NO:
       return true;
     default:
