@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <future>
 
 #include "app/model/app_model.h"
-#include "app/model/thread_worker.h"
 #include "core/api/api_error.h"
 #include "core/chatdb/chat_db.h"
 #include "core/chatdb/sqlite_db.h"
@@ -21,12 +19,12 @@ using testing::AppModelRig;
 using testing::FakeAgentAPI;
 using Call = FakeAgentAPI::Call;
 
-// Makes every cycle's first call throw `error` (any type, so the loop's
-// mapping can be driven by database errors too).
-void failConfigWith(AppModelRig& rig, std::exception_ptr error) {
-  rig.configureAPI = [error](FakeAgentAPI& api, auto&, auto&) {
-    api.failWith = [error](Call call) -> std::optional<APIError> {
-      if (call == Call::config) std::rethrow_exception(error);
+// Makes every `failing` call throw `error` (any type, so the loop's mapping
+// can be driven by database errors too).
+void failWith(AppModelRig& rig, std::exception_ptr error, Call failing = Call::config) {
+  rig.configureAPI = [=](FakeAgentAPI& api, auto&, auto&) {
+    api.failWith = [=](Call call) -> std::optional<APIError> {
+      if (call == failing) std::rethrow_exception(error);
       return std::nullopt;
     };
   };
@@ -64,58 +62,49 @@ TEST(AppModelSyncTest, EachFailurePublishesItsChangeAndNaps) {
   const std::string messagesMissing(AppModel::messagesMissingText);
   const std::string cantReach(AppModel::cantReachText);
   const std::string problem(AppModel::syncProblemText);
+  const auto error = [](auto e) { return std::make_exception_ptr(e); };
   const struct {
     const char* name;
     std::exception_ptr error;
     SyncPhase phase;
-    double napMin, napMax;  // the back-off's jitter is ±15% of 30 s
-    bool fullDiskAccess, messagesReady, forcedReport;
+    double napMin = 25.5, napMax = 34.5;  // the back-off's jitter is ±15% of 30 s
+    bool fullDiskAccess = true, messagesReady = true, forcedReport = false;
   } cases[] = {
-      {"database missing", std::make_exception_ptr(ChatDB::OpenError::missing("/x/chat.db")),
-       SyncPhase::error(messagesMissing), 300, 300, true, false, false},
-      {"no full disk access",
-       std::make_exception_ptr(ChatDB::OpenError::fullDiskAccess("/x/chat.db", "EPERM")),
+      {"database missing", error(ChatDB::OpenError::missing("/x/chat.db")),
+       SyncPhase::error(messagesMissing), 300, 300, true, false},
+      {"no full disk access", error(ChatDB::OpenError::fullDiskAccess("/x/chat.db", "EPERM")),
        SyncPhase::idle(), 60, 60, false, true, true},
-      {"other database error", std::make_exception_ptr(ChatDB::OpenError::other("chat.db is damaged.")),
-       SyncPhase::error("chat.db is damaged."), 25.5, 34.5, true, true, false},
-      {"network", std::make_exception_ptr(APIError::network("offline")), SyncPhase::error(cantReach),
-       25.5, 34.5, true, true, false},
-      {"408", std::make_exception_ptr(APIError::http(408, "late")), SyncPhase::error(cantReach), 25.5,
-       34.5, true, true, false},
-      {"429", std::make_exception_ptr(APIError::http(429, "busy")), SyncPhase::error(cantReach), 25.5,
-       34.5, true, true, false},
-      {"502", std::make_exception_ptr(APIError::http(502, "gateway")), SyncPhase::error(cantReach),
-       25.5, 34.5, true, true, false},
-      {"400", std::make_exception_ptr(APIError::http(400, "bad")), SyncPhase::error(problem), 25.5,
-       34.5, true, true, false},
-      {"SQLite", std::make_exception_ptr(SQLiteError(11, "malformed")), SyncPhase::error(problem),
-       25.5, 34.5, true, true, false},
+      {"other database error", error(ChatDB::OpenError::other("chat.db is damaged.")),
+       SyncPhase::error("chat.db is damaged.")},
+      {"network", error(APIError::network("offline")), SyncPhase::error(cantReach)},
+      {"408", error(APIError::http(408, "late")), SyncPhase::error(cantReach)},
+      {"429", error(APIError::http(429, "busy")), SyncPhase::error(cantReach)},
+      {"502", error(APIError::http(502, "gateway")), SyncPhase::error(cantReach)},
+      {"400", error(APIError::http(400, "bad")), SyncPhase::error(problem)},
+      {"SQLite", error(SQLiteError(11, "malformed")), SyncPhase::error(problem)},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     AppModelRig rig;
-    rig.pairedBefore();
-    failConfigWith(rig, c.error);
-    rig.start();
-    rig.settle();
-    EXPECT_EQ(rig.published().phase, c.phase) << c.name;
-    EXPECT_EQ(rig.published().fullDiskAccess, c.fullDiskAccess) << c.name;
-    EXPECT_EQ(rig.published().messagesReady, c.messagesReady) << c.name;
-    EXPECT_TRUE(rig.published().connected) << c.name;
+    failWith(rig, c.error);
+    rig.startPaired();
+    EXPECT_EQ(rig.published().phase, c.phase);
+    EXPECT_EQ(rig.published().fullDiskAccess, c.fullDiskAccess);
+    EXPECT_EQ(rig.published().messagesReady, c.messagesReady);
+    EXPECT_TRUE(rig.published().connected);
     const double nap = secondsToNextCycle(rig);
-    EXPECT_GE(nap, c.napMin) << c.name;
-    EXPECT_LE(nap, c.napMax + 0.5) << c.name;
+    EXPECT_GE(nap, c.napMin);
+    EXPECT_LE(nap, c.napMax + 0.5);
     // Only the lost access is reported at once.
     const auto statuses = rig.statuses();
     EXPECT_EQ(std::any_of(statuses.begin(), statuses.end(),
                           [](const AgentStatusRequest& r) { return !r.fullDiskAccess; }),
-              c.forcedReport)
-        << c.name;
+              c.forcedReport);
   }
 }
 
 TEST(AppModelSyncTest, BackOffGrowsWithEachFailureAndResetsOnSuccess) {
   AppModelRig rig;
-  rig.pairedBefore();
   bool failing = true;
   rig.configureAPI = [&](FakeAgentAPI& api, auto&, auto&) {
     api.failWith = [&](Call call) -> std::optional<APIError> {
@@ -123,8 +112,7 @@ TEST(AppModelSyncTest, BackOffGrowsWithEachFailureAndResetsOnSuccess) {
       return std::nullopt;
     };
   };
-  rig.start();
-  rig.settle();
+  rig.startPaired();
   const double first = secondsToNextCycle(rig);
   const double second = secondsToNextCycle(rig);
   EXPECT_GE(second, 1.5 * first);
@@ -134,23 +122,21 @@ TEST(AppModelSyncTest, BackOffGrowsWithEachFailureAndResetsOnSuccess) {
   EXPECT_EQ(secondsToNextCycle(rig), 60);
 }
 
-TEST(AppModelSyncTest, ARevokedTokenDisconnectsAndTheLoopWaits) {
-  AppModelRig rig;
-  rig.pairedBefore();
-  failConfigWith(rig, std::make_exception_ptr(APIError::unauthorized("Unauthorized")));
-  rig.start();
-  rig.settle();
-  EXPECT_FALSE(rig.published().connected);
-  EXPECT_EQ(rig.published().phase, SyncPhase::error(std::string(AppModel::disconnectedText)));
-  EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), std::nullopt);
-  EXPECT_EQ(secondsToNextCycle(rig, 600), -1);
+TEST(AppModelSyncTest, ARevokedTokenOnACycleOrAReportDisconnectsAndTheLoopWaits) {
+  for (const Call revoked : {Call::config, Call::status}) {
+    AppModelRig rig;
+    failWith(rig, std::make_exception_ptr(APIError::unauthorized("Unauthorized")), revoked);
+    rig.startPaired();
+    EXPECT_FALSE(rig.published().connected);
+    EXPECT_EQ(rig.published().phase, SyncPhase::error(std::string(AppModel::disconnectedText)));
+    EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), std::nullopt);
+    EXPECT_EQ(secondsToNextCycle(rig, 600), -1);
+  }
 }
 
 TEST(AppModelSyncTest, WakeStartsACycleAtOnceOrRightAfterTheRunningOne) {
   AppModelRig rig;
-  rig.pairedBefore();
-  rig.start();
-  rig.settle();
+  rig.startPaired();
   const int cycles = rig.calls(Call::config);
   rig.model().wake();
   rig.settle();
@@ -165,7 +151,6 @@ TEST(AppModelSyncTest, WakeStartsACycleAtOnceOrRightAfterTheRunningOne) {
 
 TEST(AppModelSyncTest, PauseStopsBetweenTwoSendsAndResumeCarriesOn) {
   AppModelRig rig;
-  rig.pairedBefore();
   rig.configureAPI = [](FakeAgentAPI& api, auto&, auto&) {
     api.outbox = {{.id = "o1", .handle = "+14155550100", .text = "one"},
                   {.id = "o2", .handle = "+14155550100", .text = "two"}};
@@ -174,8 +159,7 @@ TEST(AppModelSyncTest, PauseStopsBetweenTwoSendsAndResumeCarriesOn) {
     rig.model().setPaused(true);  // pressed while the first text is being sent
     return SendResult{true, "iMessage", true, std::nullopt};
   };
-  rig.start();
-  rig.settle();
+  rig.startPaired();
   ASSERT_EQ(rig.sender->sent.size(), 1u);
   EXPECT_EQ(rig.sender->sent[0].text, "one");
   EXPECT_EQ(rig.published().phase, SyncPhase::idle());

@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/model/thread_worker.h"
 #include "core/api/api_error.h"
-#include "core/chatdb/chat_db.h"
-#include "core/chatdb/sqlite_db.h"
-#include "core/protocol/iso_time.h"
 #include "tests/support/app_model_rig.h"
 
 namespace corvane {
@@ -15,11 +11,16 @@ namespace {
 using testing::AppModelRig;
 using testing::FakeAgentAPI;
 using Call = FakeAgentAPI::Call;
+using S = PermissionState;
+
+class AppModelTest : public ::testing::Test {
+ protected:
+  AppModelRig rig;
+};
 
 // Start-up.
 
-TEST(AppModelStartTest, ReadsTokenStateAndServer) {
-  AppModelRig rig;
+TEST_F(AppModelTest, ReadsTokenStateAndServer) {
   rig.pairedBefore();
   rig.defaults.setString(DefaultsKey::server, "http://127.0.0.1:8787/ignored/path");
   rig.defaults.setString(DefaultsKey::userName, "Sam");
@@ -37,13 +38,10 @@ TEST(AppModelStartTest, ReadsTokenStateAndServer) {
   EXPECT_EQ(p.lastSyncAt, 1700000000123);
 }
 
-TEST(AppModelStartTest, AServerDefaultThatIsRefusedGivesTheProductionServer) {
-  AppModelRig rig;
+TEST_F(AppModelTest, AServerDefaultThatIsRefusedGivesTheProductionServer) {
   rig.defaults.setString(DefaultsKey::server, "http://example.test");
   rig.start();
   EXPECT_EQ(rig.published().server, rig.server);
-  EXPECT_FALSE(rig.published().connected);
-  EXPECT_EQ(rig.published().step, SetupStep::connect);
 }
 
 TEST(AppModelStartTest, LaunchAtLoginShowsTheItemOrStartsOnForAFirstSetup) {
@@ -60,8 +58,7 @@ TEST(AppModelStartTest, LaunchAtLoginShowsTheItemOrStartsOnForAFirstSetup) {
   }
 }
 
-TEST(AppModelStartTest, ExpectLinkSwitchWaitsForTheBrowser) {
-  AppModelRig rig;
+TEST_F(AppModelTest, ExpectLinkSwitchWaitsForTheBrowser) {
   rig.options.qaExpectLink = true;
   rig.start();
   EXPECT_EQ(rig.published().pairing, PairingState::waitingForBrowser(rig.scheduler.nowMs()));
@@ -70,14 +67,13 @@ TEST(AppModelStartTest, ExpectLinkSwitchWaitsForTheBrowser) {
 // Steps.
 
 TEST(AppModelStepTest, CurrentStepFirstMatchWins) {
-  const PermissionState granted = PermissionState::granted, denied = PermissionState::denied,
-                        unknown = PermissionState::unknown;
+  const S granted = S::granted, denied = S::denied, unknown = S::unknown;
   const struct {
     const char* name;
     bool bundleOutside, skippedMove, connected, fullDisk;
-    PermissionState automation;
+    S automation;
     bool skippedAutomation;
-    PermissionState contacts;
+    S contacts;
     bool skippedContacts;
     SetupStep expected;
   } cases[] = {
@@ -109,11 +105,10 @@ TEST(AppModelStepTest, CurrentStepFirstMatchWins) {
   }
 }
 
-TEST(AppModelStepTest, AdvanceOnlyFromTheShownStepAndIgnoresSkipFlags) {
-  AppModelRig rig;
+TEST_F(AppModelTest, AdvanceOnlyFromTheShownStepAndIgnoresSkipFlags) {
   rig.pairedBefore();
   rig.probes.access = {false, false};
-  rig.probes.automationAnswer = PermissionState::denied;
+  rig.probes.automationAnswer = S::denied;
   rig.defaults.setBool(DefaultsKey::skippedAutomation, true);
   rig.start();
   ASSERT_EQ(rig.published().step, SetupStep::fullDisk);
@@ -131,20 +126,7 @@ TEST(AppModelStepTest, AdvanceOnlyFromTheShownStepAndIgnoresSkipFlags) {
   EXPECT_EQ(rig.published().step, SetupStep::automation);
 }
 
-TEST(AppModelStepTest, AdvancePassesSatisfiedSteps) {
-  AppModelRig rig;
-  rig.probes.automationAnswer = PermissionState::granted;
-  rig.probes.contacts = PermissionState::denied;
-  rig.start();
-  ASSERT_EQ(rig.published().step, SetupStep::connect);
-  rig.model().pair("ABCD1234", rig.server);
-  rig.settle();
-  rig.scheduler.advance(1.6);
-  EXPECT_EQ(rig.published().step, SetupStep::done);
-}
-
-TEST(AppModelStepTest, NotNowOnMoveStartsAtConnectAndStaysThere) {
-  AppModelRig rig;
+TEST_F(AppModelTest, NotNowOnMoveStartsAtConnectAndStaysThere) {
   rig.relocator.bundle = "/Volumes/Corvane/Corvane.app";
   rig.relocator.inApplications = false;
   rig.start();
@@ -158,10 +140,9 @@ TEST(AppModelStepTest, NotNowOnMoveStartsAtConnectAndStaysThere) {
   EXPECT_EQ(rig.published().step, SetupStep::move);
 }
 
-TEST(AppModelStepTest, ShowingTheWindowKeepsALaterStepButLeavesDone) {
-  AppModelRig rig;
+TEST_F(AppModelTest, ShowingTheWindowKeepsALaterStepButLeavesDone) {
   rig.pairedBefore();
-  rig.probes.automationAnswer = PermissionState::denied;
+  rig.probes.automationAnswer = S::denied;
   rig.start();
   ASSERT_EQ(rig.published().step, SetupStep::automation);
   rig.model().skip(SetupStep::automation);
@@ -180,17 +161,6 @@ TEST(AppModelStepTest, ShowingTheWindowKeepsALaterStepButLeavesDone) {
   rig.model().goBack();
   rig.model().goBack();
   EXPECT_EQ(rig.published().step, SetupStep::connect);  // nothing to move: no move step
-}
-
-TEST(AppModelStepTest, FinishingSetupRegistersTheLoginItemTheToggleShows) {
-  AppModelRig rig;
-  rig.start();
-  ASSERT_TRUE(rig.published().launchAtLogin);
-  EXPECT_TRUE(rig.model().needsSetup());
-  rig.model().finishSetup();
-  EXPECT_TRUE(rig.model().setupCompleted());
-  EXPECT_EQ(rig.loginItem.registers, 1);
-  EXPECT_TRUE(rig.loginItem.enabled);
 }
 
 // Pairing by code.
@@ -257,8 +227,7 @@ TEST(AppModelPairTest, FailuresSayWhatToDo) {
   }
 }
 
-TEST(AppModelPairTest, AnAnswerWithoutATokenIsAFailedPairing) {
-  AppModelRig rig;
+TEST_F(AppModelTest, AnAnswerWithoutATokenIsAFailedPairing) {
   rig.configureAPI = [](FakeAgentAPI& api, auto&, auto&) { api.pairResponse.token.clear(); };
   rig.start();
   rig.model().pair("ABCD1234", rig.server);
@@ -268,14 +237,14 @@ TEST(AppModelPairTest, AnAnswerWithoutATokenIsAFailedPairing) {
   EXPECT_FALSE(rig.defaults.getString(DefaultsKey::deviceId));
 }
 
-TEST(AppModelPairTest, SuccessStoresTheAccountAndStartsFresh) {
-  AppModelRig rig;
+TEST_F(AppModelTest, SuccessStoresTheAccountStartsFreshAndPassesSatisfiedSteps) {
   AgentState old;
   old.cursor = 42;
   old.rosterCount = 7;
   old.lastSyncAt = "2023-11-14T22:13:20.123Z";
   FileStateStore(rig.options.stateDir).save(old);
-  rig.probes.access = {false, false};
+  rig.probes.automationAnswer = S::granted;
+  rig.probes.contacts = S::denied;
   rig.start();
   ASSERT_EQ(rig.published().rosterCount, 7);
 
@@ -305,7 +274,7 @@ TEST(AppModelPairTest, SuccessStoresTheAccountAndStartsFresh) {
   rig.scheduler.advance(1.5);
   EXPECT_EQ(p.step, SetupStep::connect);
   rig.scheduler.advance(0.1);
-  EXPECT_EQ(p.step, SetupStep::fullDisk);
+  EXPECT_EQ(p.step, SetupStep::done);
 }
 
 // Connect links.
@@ -336,8 +305,7 @@ TEST(AppModelLinkTest, ALinkPairsAtOnceOnlyWithinTheWindowAndFromATrustedServer)
   }
 }
 
-TEST(AppModelLinkTest, WithoutConnectPressedOrWhenConnectedTheLinkWaitsForConfirmation) {
-  AppModelRig rig;
+TEST_F(AppModelTest, WithoutConnectPressedOrWhenConnectedTheLinkWaitsForConfirmation) {
   rig.pairedBefore();
   rig.start();
   rig.model().connectWithBrowser();
@@ -354,8 +322,7 @@ TEST(AppModelLinkTest, WithoutConnectPressedOrWhenConnectedTheLinkWaitsForConfir
   EXPECT_EQ(rig.pairings(), std::vector<std::string>{"https://preview.corvane.app WXYZ9876"});
 }
 
-TEST(AppModelLinkTest, WhatIsNotAConnectLinkChangesNothing) {
-  AppModelRig rig;
+TEST_F(AppModelTest, WhatIsNotAConnectLinkChangesNothing) {
   rig.pairedBefore();
   rig.start();
   const SetupStep before = rig.published().step;
@@ -370,8 +337,7 @@ TEST(AppModelLinkTest, WhatIsNotAConnectLinkChangesNothing) {
   EXPECT_FALSE(rig.published().pendingLink);
 }
 
-TEST(AppModelLinkTest, DisconnectForgetsTheTokenAndSaysWhy) {
-  AppModelRig rig;
+TEST_F(AppModelTest, DisconnectForgetsTheTokenAndSaysWhy) {
   rig.pairedBefore();
   rig.defaults.setString(DefaultsKey::deviceId, "dev-0");
   rig.start();
@@ -388,17 +354,20 @@ TEST(AppModelLinkTest, DisconnectForgetsTheTokenAndSaysWhy) {
 
 // Permissions.
 
-TEST(AppModelPermissionTest, FullDiskPollAdvancesOnceAccessIsOn) {
-  AppModelRig rig;
+TEST_F(AppModelTest, FullDiskPollAdvancesOnceAccessIsOnAndStopsWithTheWindow) {
   rig.pairedBefore();
   rig.probes.access = {false, false};
   rig.start();
   ASSERT_EQ(rig.published().step, SetupStep::fullDisk);
   rig.model().openFullDiskSettings();
-  EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_AllFiles"});
-  EXPECT_EQ(rig.published().openedFullDiskSettingsAt, rig.scheduler.nowMs());
-
+  rig.model().stopPermissionPoll();  // the window closed
   const int probesBefore = rig.probes.fullDiskProbes;
+  rig.scheduler.advance(10.0);
+  EXPECT_EQ(rig.probes.fullDiskProbes, probesBefore);
+
+  rig.model().openFullDiskSettings();
+  EXPECT_EQ(rig.probes.panes, (std::vector<std::string>{"Privacy_AllFiles", "Privacy_AllFiles"}));
+  EXPECT_EQ(rig.published().openedFullDiskSettingsAt, rig.scheduler.nowMs());
   rig.scheduler.advance(6.0);
   EXPECT_EQ(rig.probes.fullDiskProbes - probesBefore, 3);  // every 2 s
   rig.probes.access = {true, true};
@@ -413,32 +382,18 @@ TEST(AppModelPermissionTest, FullDiskPollAdvancesOnceAccessIsOn) {
   EXPECT_EQ(rig.probes.fullDiskProbes, probesAfter);  // the poll stopped
 }
 
-TEST(AppModelPermissionTest, ClosingTheWindowStopsThePoll) {
-  AppModelRig rig;
-  rig.pairedBefore();
-  rig.probes.access = {false, false};
-  rig.start();
-  rig.model().openFullDiskSettings();
-  rig.model().stopPermissionPoll();
-  const int probes = rig.probes.fullDiskProbes;
-  rig.scheduler.advance(10.0);
-  EXPECT_EQ(rig.probes.fullDiskProbes, probes);
-}
-
 TEST(AppModelPermissionTest, AutomationRequestOutcomes) {
   const struct {
     AutomationRequest answer;
     bool advances;
   } cases[] = {
-      {{PermissionState::granted, std::nullopt}, true},
-      {{PermissionState::denied, std::nullopt}, false},
-      {{PermissionState::unknown, "Messages didn't answer."}, false},
+      {{S::granted, std::nullopt}, true},
+      {{S::denied, std::nullopt}, false},
+      {{S::unknown, "Messages didn't answer."}, false},
   };
   for (const auto& c : cases) {
     AppModelRig rig;
-    rig.pairedBefore();
-    rig.start();
-    rig.settle();
+    rig.startPaired();
     ASSERT_EQ(rig.published().step, SetupStep::automation);
     const auto reportsBefore = rig.statuses().size();
     rig.probes.automationRequestAnswer = c.answer;
@@ -459,84 +414,62 @@ TEST(AppModelPermissionTest, AutomationRequestOutcomes) {
   }
 }
 
-TEST(AppModelPermissionTest, ContactsRequestAdvancesWhenGranted) {
-  AppModelRig rig;
-  rig.pairedBefore();
-  rig.probes.automationAnswer = PermissionState::granted;
-  rig.start();
+TEST_F(AppModelTest, ContactsRequestAdvancesWhenGranted) {
+  rig.probes.automationAnswer = S::granted;
+  rig.startPaired();
   ASSERT_EQ(rig.published().step, SetupStep::contacts);
   rig.model().requestContacts();
   rig.settle();
-  EXPECT_EQ(rig.published().contacts, PermissionState::granted);
+  EXPECT_EQ(rig.published().contacts, S::granted);
   rig.scheduler.advance(0.8);
   EXPECT_EQ(rig.published().step, SetupStep::contacts);
   rig.scheduler.advance(0.1);
   EXPECT_EQ(rig.published().step, SetupStep::done);
 }
 
-TEST(AppModelPermissionTest, AnAutomationProbeWithoutAnswerKeepsTheRememberedOne) {
-  AppModelRig rig;
+TEST_F(AppModelTest, AnAutomationProbeWithoutAnswerKeepsTheRememberedOne) {
   rig.defaults.setString(DefaultsKey::automation, "granted");
   rig.start();
-  EXPECT_EQ(rig.published().automation, PermissionState::granted);
-  rig.probes.automationAnswer = PermissionState::denied;
+  EXPECT_EQ(rig.published().automation, S::granted);
+  rig.probes.automationAnswer = S::denied;
   rig.model().refreshPermissions();
-  EXPECT_EQ(rig.published().automation, PermissionState::denied);
+  EXPECT_EQ(rig.published().automation, S::denied);
   EXPECT_EQ(rig.defaults.getString(DefaultsKey::automation), "denied");
 }
 
 // The tick and the reports.
 
-TEST(AppModelReportTest, TickRefreshesNowAndEveryTenthFireReportsAndProbes) {
-  AppModelRig rig;
-  rig.pairedBefore();
-  rig.start();
-  rig.settle();
-  const auto reports = rig.statuses().size();
-  const int probes = rig.probes.fullDiskProbes;
-  rig.scheduler.advance(30.0);
-  rig.settle();
-  EXPECT_EQ(rig.published().now, rig.scheduler.nowMs());
-  EXPECT_EQ(rig.probes.fullDiskProbes, probes);
-  rig.scheduler.advance(8 * 30.0);
-  rig.settle();
-  EXPECT_EQ(rig.statuses().size(), reports);
-  rig.scheduler.advance(30.0);
-  rig.settle();
-  EXPECT_EQ(rig.probes.fullDiskProbes, probes + 1);
-  EXPECT_EQ(rig.statuses().size(), reports + 1);  // forced even though unchanged
-}
-
-TEST(AppModelReportTest, AnUnchangedReportWaitsFiveMinutesUnlessForced) {
-  AppModelRig rig;
-  rig.pairedBefore();
-  rig.start();
-  rig.settle();
+TEST_F(AppModelTest, TheTickRefreshesAndAnUnchangedReportWaitsFiveMinutesUnlessForced) {
+  rig.startPaired();
   const auto sent = [&] { return rig.statuses().size(); };
   const auto base = sent();
+  const int probes = rig.probes.fullDiskProbes;
   rig.model().reportStatus(false);
   rig.settle();
   EXPECT_EQ(sent(), base);
   rig.model().reportStatus(true);
   rig.settle();
   EXPECT_EQ(sent(), base + 1);
-  rig.scheduler.advance(299.0);
+  rig.scheduler.advance(30.0);
+  EXPECT_EQ(rig.published().now, rig.scheduler.nowMs());
+  rig.scheduler.advance(269.0);
   rig.model().reportStatus(false);
   rig.settle();
   EXPECT_EQ(sent(), base + 1);
-  rig.scheduler.advance(1.0);  // the tick's tenth fire reports too
+  EXPECT_EQ(rig.probes.fullDiskProbes, probes);
+  rig.scheduler.advance(1.0);  // the tick's tenth fire probes and reports, unchanged or not
   rig.model().reportStatus(false);
   rig.settle();
+  EXPECT_EQ(rig.probes.fullDiskProbes, probes + 1);
   EXPECT_EQ(sent(), base + 3);
-  rig.probes.contacts = PermissionState::denied;  // a change goes at once
+  rig.probes.contacts = S::denied;  // a change goes at once
   rig.model().refreshPermissions();
   rig.settle();
   EXPECT_EQ(sent(), base + 4);
-  EXPECT_EQ(rig.statuses().back().contactsAccess, PermissionState::denied);
+  EXPECT_EQ(rig.statuses().back().contactsAccess, S::denied);
 }
 
-TEST(AppModelReportTest, NoReportWithoutATokenOrInPreview) {
-  AppModelRig rig;
+TEST_F(AppModelTest, NoReportWithoutATokenOrInPreview) {
   rig.start();
   rig.model().reportStatus(true);
   rig.settle();
@@ -554,23 +487,7 @@ TEST(AppModelReportTest, NoReportWithoutATokenOrInPreview) {
   EXPECT_FALSE(preview.published().connected);
 }
 
-TEST(AppModelReportTest, ARevokedTokenOnReportDisconnects) {
-  AppModelRig rig;
-  rig.pairedBefore();
-  rig.configureAPI = [](FakeAgentAPI& api, auto&, auto&) {
-    api.failWith = [](Call call) -> std::optional<APIError> {
-      if (call == Call::status) return APIError::unauthorized("Unauthorized");
-      return std::nullopt;
-    };
-  };
-  rig.start();
-  rig.settle();
-  EXPECT_FALSE(rig.published().connected);
-  EXPECT_EQ(rig.published().phase, SyncPhase::error(std::string(AppModel::disconnectedText)));
-}
-
-TEST(AppModelReportTest, OwnHandlesAreReadAtMostHourlyAndReportedWhenTheyChange) {
-  AppModelRig rig;
+TEST_F(AppModelTest, OwnHandlesAreReadAtMostHourlyAndReportedWhenTheyChange) {
   rig.options.chatDBPath = rig.dir.file("own.db");
   {
     chatdbgen::ChatDbBuilder db(rig.options.chatDBPath);
@@ -578,9 +495,7 @@ TEST(AppModelReportTest, OwnHandlesAreReadAtMostHourlyAndReportedWhenTheyChange)
     db.message(self, {.text = "note", .fromMe = true, .dateMs = rig.scheduler.nowMs() - 1000,
                       .destinationCallerId = "+14155550199"});
   }
-  rig.pairedBefore();
-  rig.start();
-  rig.settle();
+  rig.startPaired();
   ASSERT_FALSE(rig.statuses().empty());
   EXPECT_EQ(rig.statuses().back().ownHandles, std::vector<std::string>{"+14155550199"});
   EXPECT_EQ(rig.statuses().back().appVersion, "1.2.3");
@@ -600,12 +515,16 @@ TEST(AppModelReportTest, OwnHandlesAreReadAtMostHourlyAndReportedWhenTheyChange)
 
 // Launch at login.
 
-TEST(AppModelLoginItemTest, ChangesOnlyWhatDiffersAndShowsFailures) {
-  AppModelRig rig;
-  rig.loginItem.enabled = true;
+TEST_F(AppModelTest, FinishingSetupRegistersTheLoginItemAndTheToggleChangesOnlyWhatDiffers) {
   rig.start();
+  ASSERT_TRUE(rig.published().launchAtLogin);
+  EXPECT_TRUE(rig.model().needsSetup());
+  rig.model().finishSetup();
+  EXPECT_TRUE(rig.model().setupCompleted());
+  EXPECT_EQ(rig.loginItem.registers, 1);
+  EXPECT_TRUE(rig.loginItem.enabled);
   rig.model().setLaunchAtLogin(true);
-  EXPECT_EQ(rig.loginItem.registers, 0);
+  EXPECT_EQ(rig.loginItem.registers, 1);
   rig.model().setLaunchAtLogin(false);
   EXPECT_EQ(rig.loginItem.unregisters, 1);
   EXPECT_FALSE(rig.published().launchAtLogin);
@@ -619,8 +538,7 @@ TEST(AppModelLoginItemTest, ChangesOnlyWhatDiffersAndShowsFailures) {
 
 // The bundle.
 
-TEST(AppModelBundleTest, MoveFailureIsShownAndRevealAndRelaunchUseTheApplication) {
-  AppModelRig rig;
+TEST_F(AppModelTest, MoveFailureIsShownAndRevealAndRelaunchUseTheApplication) {
   rig.relocator.moveFailure = "You don't have permission.";
   rig.start();
   rig.model().moveToApplications();
@@ -635,8 +553,7 @@ TEST(AppModelBundleTest, MoveFailureIsShownAndRevealAndRelaunchUseTheApplication
 
 // Observers and lifetime.
 
-TEST(AppModelLifetimeTest, ObserversHearOfChangesOnlyAndCanLeave) {
-  AppModelRig rig;
+TEST_F(AppModelTest, ObserversHearOfChangesOnlyAndCanLeave) {
   int heard = 0;
   const int key = rig.model().observe([&] { ++heard; });
   rig.start();
@@ -649,8 +566,7 @@ TEST(AppModelLifetimeTest, ObserversHearOfChangesOnlyAndCanLeave) {
   EXPECT_EQ(heard, afterStart);
 }
 
-TEST(AppModelLifetimeTest, WorkFinishingAfterTheModelIsGoneIsDropped) {
-  AppModelRig rig;
+TEST_F(AppModelTest, WorkFinishingAfterTheModelIsGoneIsDropped) {
   rig.pairedBefore();
   rig.start();
   rig.model().pair("ABCD1234", rig.server);

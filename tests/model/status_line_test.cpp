@@ -7,66 +7,43 @@ namespace {
 
 constexpr std::int64_t kNow = 1'700'000'000'000;
 
-AppModel::Published syncingFine() {
-  AppModel::Published p;
-  p.connected = true;
-  p.fullDiskAccess = true;
-  p.now = kNow;
-  return p;
-}
-
 TEST(StatusLineTest, FirstMatchingRowWins) {
+  const SyncPhase syncing = SyncPhase::syncing();
   const struct {
     const char* name;
-    std::function<void(AppModel::Published&)> set;
+    bool connected = true, fullDiskAccess = true, paused = false;
+    SyncPhase phase{};
+    std::optional<std::int64_t> rosterCount{}, agoMs{};
     std::string expected;
   } cases[] = {
-      {"not connected beats everything",
-       [](auto& p) {
-         p.connected = false;
-         p.fullDiskAccess = false;
-         p.paused = true;
-       },
-       "Not connected"},
-      {"no disk access beats paused",
-       [](auto& p) {
-         p.fullDiskAccess = false;
-         p.paused = true;
-       },
-       "Needs permission"},
-      {"paused beats an error",
-       [](auto& p) {
-         p.paused = true;
-         p.phase = SyncPhase::error("Sync problem \u2014 retrying");
-       },
-       "Paused"},
-      {"an error shows its text", [](auto& p) { p.phase = SyncPhase::error("Open Messages and sign in to iMessage"); },
-       "Open Messages and sign in to iMessage"},
-      {"nothing known yet", [](auto&) {}, "Connected"},
-      {"first cycle running", [](auto& p) { p.phase = SyncPhase::syncing(); }, "Syncing\u2026"},
-      {"one person",
-       [](auto& p) {
-         p.rosterCount = 1;
-         p.lastSyncAt = kNow - 5'000;
-       },
-       "Syncing 1 person \u00B7 last sync just now"},
-      {"several people, syncing again",
-       [](auto& p) {
-         p.rosterCount = 3;
-         p.lastSyncAt = kNow - 5 * 60'000;
-         p.phase = SyncPhase::syncing();
-       },
-       "Syncing 3 people \u00B7 last sync 5 min ago"},
-      {"empty roster", [](auto& p) {
-         p.rosterCount = 0;
-         p.lastSyncAt = kNow - 2 * 3'600'000;
-       },
-       "Connected \u00B7 last sync 2 hr ago"},
-      {"roster known, no sync yet", [](auto& p) { p.rosterCount = 4; }, "Syncing 4 people"},
+      {.name = "not connected beats everything", .connected = false, .fullDiskAccess = false,
+       .paused = true, .expected = "Not connected"},
+      {.name = "no disk access beats paused", .fullDiskAccess = false, .paused = true,
+       .expected = "Needs permission"},
+      {.name = "paused beats an error", .paused = true,
+       .phase = SyncPhase::error("Sync problem \u2014 retrying"), .expected = "Paused"},
+      {.name = "an error shows its text",
+       .phase = SyncPhase::error("Open Messages and sign in to iMessage"),
+       .expected = "Open Messages and sign in to iMessage"},
+      {.name = "nothing known yet", .expected = "Connected"},
+      {.name = "first cycle running", .phase = syncing, .expected = "Syncing\u2026"},
+      {.name = "one person", .rosterCount = 1, .agoMs = 5'000,
+       .expected = "Syncing 1 person \u00B7 last sync just now"},
+      {.name = "several people, syncing again", .phase = syncing, .rosterCount = 3,
+       .agoMs = 5 * 60'000, .expected = "Syncing 3 people \u00B7 last sync 5 min ago"},
+      {.name = "empty roster", .rosterCount = 0, .agoMs = 2 * 3'600'000,
+       .expected = "Connected \u00B7 last sync 2 hr ago"},
+      {.name = "roster known, no sync yet", .rosterCount = 4, .expected = "Syncing 4 people"},
   };
   for (const auto& c : cases) {
-    AppModel::Published p = syncingFine();
-    c.set(p);
+    AppModel::Published p;
+    p.connected = c.connected;
+    p.fullDiskAccess = c.fullDiskAccess;
+    p.paused = c.paused;
+    p.phase = c.phase;
+    p.rosterCount = c.rosterCount;
+    p.now = kNow;
+    if (c.agoMs) p.lastSyncAt = kNow - *c.agoMs;
     EXPECT_EQ(statusLine(p), c.expected) << c.name;
   }
 }

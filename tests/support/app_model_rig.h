@@ -68,14 +68,13 @@ class FakeLoginItem final : public LoginItem {
   int registers = 0, unregisters = 0;
 
   bool isEnabled() override { return enabled; }
-  std::optional<std::string> registerItem() override {
-    ++registers;
-    if (!failure) enabled = true;
-    return failure;
-  }
-  std::optional<std::string> unregisterItem() override {
-    ++unregisters;
-    if (!failure) enabled = false;
+  std::optional<std::string> registerItem() override { return change(true, registers); }
+  std::optional<std::string> unregisterItem() override { return change(false, unregisters); }
+
+ private:
+  std::optional<std::string> change(bool on, int& count) {
+    ++count;
+    if (!failure) enabled = on;
     return failure;
   }
 };
@@ -130,7 +129,6 @@ class AppModelRig {
   FakeOpener opener;
   std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
   std::shared_ptr<RecordingLogger> log = std::make_shared<RecordingLogger>();
-  Updater* updater = nullptr;
   std::string chatDB = dir.file("chat.db");
   AppModel::Options options{.chatDBPath = chatDB,
                             .stateDir = dir.file("state"),
@@ -158,7 +156,7 @@ class AppModelRig {
 
   AppModel& model() {
     if (!model_) {
-      const AppModel::APIFactory fakes = [this](const std::string& s, std::optional<std::string> t) {
+      AppModel::APIFactory fakes = [this](const std::string& s, std::optional<std::string> t) {
         return make(s, t);
       };
       model_ = std::make_unique<AppModel>(
@@ -171,11 +169,9 @@ class AppModelRig {
                              .makeAPI = makeAPI ? makeAPI : fakes,
                              .makeStore = {},
                              .sender = sender,
-                             .loadContacts = {},
                              .loginItem = loginItem,
                              .relocator = relocator,
                              .opener = opener,
-                             .updater = updater,
                              .log = log},
           options);
     }
@@ -184,6 +180,12 @@ class AppModelRig {
   const AppModel::Published& published() { return model().published(); }
 
   void start() { model().start(); }
+  // Paired before, started, and the first cycle and report done.
+  void startPaired() {
+    pairedBefore();
+    start();
+    settle();
+  }
   void destroy() { model_.reset(); }
 
   // Runs worker jobs and everything they post until nothing is left.

@@ -1,5 +1,6 @@
 #include "tests/support/virtual_scheduler.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -47,13 +48,10 @@ void VirtualScheduler::advance(double seconds) {
   runPending();
   for (;;) {
     // The earliest due timer; ties go to the one scheduled first.
-    auto due = timers_.end();
-    for (auto it = timers_.begin(); it != timers_.end(); ++it) {
-      if (it->second.dueMs <= endMs && (due == timers_.end() || it->second.dueMs < due->second.dueMs)) {
-        due = it;
-      }
-    }
-    if (due == timers_.end()) break;
+    const auto due = std::min_element(timers_.begin(), timers_.end(), [](auto& a, auto& b) {
+      return a.second.dueMs < b.second.dueMs;
+    });
+    if (due == timers_.end() || due->second.dueMs > endMs) break;
     nowMs_ = std::max(nowMs_.load(), due->second.dueMs);
     std::function<void()> work = due->second.work;
     if (due->second.periodMs > 0) {

@@ -65,11 +65,6 @@ class ManualWorker final : public BackgroundWorker {
   std::size_t pending() const { return jobs_.size(); }
   // Runs the oldest job; false when there is none.
   bool runOne();
-  // Runs jobs (and jobs they start) until none is left.
-  void runAll() {
-    while (runOne()) {
-    }
-  }
 
  private:
   std::deque<std::function<void()>> jobs_;
