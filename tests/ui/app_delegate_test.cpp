@@ -98,26 +98,14 @@ TEST_F(AppDelegateTest, ALinkArrivingWhileTheWaitingOnesAreHandledIsHandledOnce)
                                  "link corvane://connect?code=SECOND22"));
 }
 
-TEST_F(AppDelegateTest, TheWindowOpensAtLaunchOnlyWhenSetupIsNeededOrLinksWait) {
-  struct Case {
-    bool needsSetup;
-    bool linkWaiting;
-    bool windowShown;
-  };
-  for (const Case c : {Case{false, false, false}, Case{true, false, true}, Case{false, true, true},
-                       Case{true, true, true}}) {
-    std::vector<std::string> seen;
-    RecordingPolicy recording(seen);
-    AppDelegate::Hooks h = hooks();
-    h.presentWindow = [&] { seen.push_back("window"); };
-    h.needsSetup = [&] { return c.needsSetup; };
-    AppDelegate d(h, recording, log);
-    if (c.linkWaiting) d.openURL("corvane://connect?code=ABCD1234");
-    d.launchFinished();
-    const bool shown = std::find(seen.begin(), seen.end(), "window") != seen.end();
-    EXPECT_EQ(shown, c.windowShown) << "needsSetup " << c.needsSetup << ", link " << c.linkWaiting;
-    EXPECT_EQ(std::find(seen.begin(), seen.end(), "regular") != seen.end(), c.windowShown);
-  }
+TEST_F(AppDelegateTest, WithoutLinksTheWindowOpensAtLaunchOnlyWhenSetupIsNeeded) {
+  delegate.launchFinished();
+  EXPECT_THAT(events, ElementsAre("start"));
+  events.clear();
+  needsSetup = true;
+  AppDelegate firstLaunch{hooks(), policy, log};
+  firstLaunch.launchFinished();
+  EXPECT_THAT(events, ElementsAre("start", "step", "regular", "window"));
 }
 
 TEST_F(AppDelegateTest, AfterLaunchALinkGoesToTheModelAtOnceAndReopeningShowsTheWindow) {

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <map>
+#include <regex>
 #include <sstream>
 
 #include "tests/support/temp_dir.h"
@@ -34,12 +35,7 @@ std::vector<std::string> launcherArguments(const std::string& value) {
     }
   }
   // Launchers expand "%%" (and the field codes) before undoing the quoting.
-  std::string expanded;
-  for (std::size_t i = 0; i < unescaped.size(); ++i) {
-    expanded += unescaped[i];
-    if (unescaped[i] == '%' && i + 1 < unescaped.size() && unescaped[i + 1] == '%') ++i;
-  }
-  unescaped = expanded;
+  unescaped = std::regex_replace(unescaped, std::regex("%%"), "%");
   std::vector<std::string> args;
   std::string current;
   bool inArgument = false;

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
+#include <QLineEdit>
 #include <QTest>
-#include <functional>
 #include <utility>
 
 #include "tests/support/app_model_rig.h"
@@ -102,46 +102,36 @@ TEST_F(SetupWindowTest, EachStepShowsItsTitleBodyAndPlace) {
 }
 
 TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
+  using Step = SetupStep;
   struct Case {
     const char* name;
-    SetupStep step;
-    std::function<void(AppModel::Published&)> state;
+    AppModel::Published state;
     std::vector<const char*> visible, hidden;
     std::vector<std::pair<const char*, std::string>> texts;
   };
   const Case cases[] = {
       {"connect: idle",
-       SetupStep::connect,
-       [](auto&) {},
+       {},
        {"connectWithBrowser", "codeToggle"},
        {"waitingForBrowser", "pairingError", "pendingLink", "connectedAs", "codeBox"},
        {}},
       {"connect: waiting",
-       SetupStep::connect,
-       [](auto& p) { p.pairing = PairingState::waitingForBrowser(1); },
+       {.pairing = PairingState::waitingForBrowser(1)},
        {"connectWithBrowser", "waitingForBrowser"},
        {"pairingError", "connectedAs"},
        {{"waitingForBrowser", "Finish signing in in your browser\u2026"}}},
       {"connect: failed",
-       SetupStep::connect,
-       [](auto& p) { p.pairing = PairingState::failed("That code didn't work."); },
+       {.pairing = PairingState::failed("That code didn't work.")},
        {"pairingError"},
        {"waitingForBrowser"},
        {{"pairingError", "That code didn't work."}}},
       {"connect: connected",
-       SetupStep::connect,
-       [](auto& p) {
-         p.connected = true;
-         p.userName = "Alex Rivera";
-       },
+       {.connected = true, .userName = "Alex Rivera"},
        {"connectedAs", "connectContinue"},
        {"connectWithBrowser", "codeToggle", "pendingLink"},
        {{"connectedAs", "Connected as Alex Rivera"}}},
       {"connect: link from an unusual server",
-       SetupStep::connect,
-       [](auto& p) {
-         p.pendingLink = ConnectLink{"ABCD1234", "https://corvane.example.net"};
-       },
+       {.pendingLink = ConnectLink{"ABCD1234", "https://corvane.example.net"}},
        {"pendingLinkText", "pendingContinue", "pendingCancel", "untrustedWarning"},
        {"connectWithBrowser", "connectedAs"},
        {{"pendingLinkText", "Connect this Mac to the Corvane account at corvane.example.net"},
@@ -149,24 +139,20 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
          "This isn't the usual Corvane website. Only continue if you trust it \u2014 your "
          "roster's messages would go there."}}},
       {"automation: undecided",
-       SetupStep::automation,
-       [](auto&) {},
+       {.step = Step::automation},
        {"allowSending", "skipAutomation"},
        {"automationBusy", "automationDenied", "openAutomationSettings", "checkAgain",
         "automationGranted", "automationMessage"},
        {{"allowSending", "Allow sending"}, {"skipAutomation", "Skip for now"}}},
       {"automation: no answer",
-       SetupStep::automation,
-       [](auto& p) { p.automationMessage = "Messages didn't answer in time."; },
+       {.automationMessage = "Messages didn't answer in time.", .step = Step::automation},
        {"allowSending", "automationMessage"},
        {"automationDenied"},
        {{"automationMessage", "Messages didn't answer in time."}}},
       {"automation: denied with a message",
-       SetupStep::automation,
-       [](auto& p) {
-         p.automation = S::denied;
-         p.automationMessage = "Not authorised to send Apple events.";
-       },
+       {.automation = S::denied,
+        .automationMessage = "Not authorised to send Apple events.",
+        .step = Step::automation},
        {"automationDenied", "automationMessage", "openAutomationSettings", "checkAgain",
         "skipAutomation"},
        {"allowSending", "automationGranted"},
@@ -177,26 +163,22 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
         {"openAutomationSettings", "Open Automation Settings"},
         {"checkAgain", "Check again"}}},
       {"automation: granted",
-       SetupStep::automation,
-       [](auto& p) { p.automation = S::granted; },
+       {.automation = S::granted, .step = Step::automation},
        {"automationGranted", "automationContinue"},
        {"allowSending", "automationDenied", "skipAutomation"},
        {{"automationGranted", "Corvane can send through Messages"}}},
       {"contacts: undecided",
-       SetupStep::contacts,
-       [](auto&) {},
+       {.step = Step::contacts},
        {"allowContacts", "skipContacts"},
        {"contactsGranted", "contactsDenied", "openContactsSettings", "contactsContinue"},
        {}},
       {"contacts: granted",
-       SetupStep::contacts,
-       [](auto& p) { p.contacts = S::granted; },
+       {.contacts = S::granted, .step = Step::contacts},
        {"contactsGranted", "contactsContinue"},
        {"allowContacts", "contactsDenied", "skipContacts"},
        {{"contactsGranted", "Names are on"}}},
       {"contacts: denied",
-       SetupStep::contacts,
-       [](auto& p) { p.contacts = S::denied; },
+       {.contacts = S::denied, .step = Step::contacts},
        {"contactsDenied", "openContactsSettings", "contactsContinue"},
        {"allowContacts", "contactsGranted", "skipContacts"},
        {{"contactsDenied",
@@ -204,11 +186,7 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
          "Security \u203A Contacts."},
         {"openContactsSettings", "Open Contacts Settings"}}},
       {"done: one skipped",
-       SetupStep::done,
-       [](auto& p) {
-         p.automation = S::unknown;
-         p.contacts = S::granted;
-       },
+       {.contacts = S::granted, .step = Step::done},
        {"skippedPermissions", "launchAtLogin", "done", "openCorvane"},
        {},
        {{"skippedPermissions", "Automation. Turn it on anytime from Setup\u2026 in the menu."},
@@ -216,11 +194,7 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
         {"done", "Done"},
         {"openCorvane", "Open Corvane"}}},
       {"done: nothing skipped",
-       SetupStep::done,
-       [](auto& p) {
-         p.automation = S::granted;
-         p.contacts = S::denied;
-       },
+       {.automation = S::granted, .contacts = S::denied, .step = Step::done},
        {},
        {"skippedPermissions"},
        {}},
@@ -228,30 +202,15 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
   SetupWindow& w = preview(at(SetupStep::connect));
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    AppModel::Published p = at(c.step);
-    c.state(p);
+    AppModel::Published p = c.state;
+    p.server = "https://example.test";
     rig.model().setPreview(p);
     expectShown(w, c.visible, c.hidden);
     for (const auto& [name, expected] : c.texts) EXPECT_EQ(text(w, name), expected) << name;
   }
 }
 
-TEST_F(SetupWindowTest, NotNowOnMoveStartsTheFlowAtConnect) {
-  rig.relocator.bundle = rig.dir.file("Downloads/Corvane.app");
-  rig.relocator.inApplications = false;
-  SetupWindow& w = open();
-  ASSERT_EQ(text(w, "stepTitle"), "Move Corvane to Applications");
-  click(w, "notNow");
-  EXPECT_TRUE(rig.defaults.getBool(DefaultsKey::skippedMove));
-  EXPECT_EQ(text(w, "stepTitle"), "Connect your account");
-
-  // Reopened after a restart: Connect, not Move.
-  SetupWindow& again = open();
-  EXPECT_EQ(published().step, SetupStep::connect);
-  EXPECT_EQ(text(again, "stepTitle"), "Connect your account");
-}
-
-TEST_F(SetupWindowTest, FailedMoveIsExplainedUnderTheButtons) {
+TEST_F(SetupWindowTest, AFailedMoveIsExplainedAndNotNowGoesOnToConnect) {
   rig.relocator.bundle = rig.dir.file("Downloads/Corvane.app");
   rig.relocator.inApplications = false;
   rig.relocator.moveFailure = "The volume is read-only";
@@ -263,26 +222,37 @@ TEST_F(SetupWindowTest, FailedMoveIsExplainedUnderTheButtons) {
   EXPECT_EQ(text(w, "moveError"),
             "Couldn't move Corvane: The volume is read-only. Drag it into Applications yourself, "
             "then open it from there.");
+  click(w, "notNow");
+  EXPECT_TRUE(rig.defaults.getBool(DefaultsKey::skippedMove));
+  EXPECT_EQ(text(w, "stepTitle"), "Connect your account");
 }
 
-TEST_F(SetupWindowTest, ConnectWithCorvaneOpensTheBrowserAndWaits) {
+TEST_F(SetupWindowTest, ConnectWaitsForTheBrowserAndTheCodeBoxPairsWithTheTypedCode) {
   SetupWindow& w = open();
-  EXPECT_FALSE(shown(w, "waitingForBrowser"));
   click(w, "connectWithBrowser");
   EXPECT_EQ(rig.opener.urls, std::vector<std::string>{AppModel::connectPageURL(rig.server)});
   EXPECT_TRUE(shown(w, "waitingForBrowser"));
-}
 
-TEST_F(SetupWindowTest, CodeBoxPairsWithTheTypedCode) {
-  SetupWindow& w = open();
   EXPECT_EQ(text(w, "codeToggle"), "Have a code?");
   EXPECT_FALSE(shown(w, "codeField"));
   click(w, "codeToggle");
   EXPECT_EQ(text(w, "codeToggle"), "Hide code box");
   ASSERT_TRUE(shown(w, "codeField"));
   EXPECT_EQ(text(w, "codeLabel"), "Pairing code");
+  auto* field = qobject_cast<QLineEdit*>(testing::child(w, "codeField"));
+  ASSERT_NE(field, nullptr);
+  QTest::keyClicks(field, "ab c");
+  QTest::keyClick(field, Qt::Key_Return);
+  EXPECT_TRUE(rig.pairings().empty());
+  EXPECT_TRUE(shown(w, "pairingError"));
+  EXPECT_EQ(text(w, "pairingError"), AppModel::codeTooShortText);
+  click(w, "codeToggle");
+  EXPECT_FALSE(shown(w, "codeField"));
+  EXPECT_EQ(text(w, "codeToggle"), "Have a code?");
 
-  QTest::keyClicks(testing::child(w, "codeField"), "K7QP 2MXD");
+  click(w, "codeToggle");
+  field->clear();
+  QTest::keyClicks(field, "K7QP 2MXD");
   click(w, "codeConnect");
   EXPECT_FALSE(enabled(w, "codeConnect"));  // while the pairing runs
   rig.settle();
@@ -290,22 +260,6 @@ TEST_F(SetupWindowTest, CodeBoxPairsWithTheTypedCode) {
   EXPECT_TRUE(shown(w, "connectedAs"));
   EXPECT_EQ(text(w, "connectedAs"), "Connected as Sam");
   EXPECT_FALSE(shown(w, "codeField"));
-}
-
-TEST_F(SetupWindowTest, CodeBoxShowsWhyACodeFailedAndCloses) {
-  SetupWindow& w = open();
-  click(w, "codeToggle");
-  QTest::keyClicks(testing::child(w, "codeField"), "ab c");
-  QTest::keyClick(testing::child(w, "codeField"), Qt::Key_Return);
-  EXPECT_TRUE(rig.pairings().empty());
-  EXPECT_TRUE(shown(w, "pairingError"));
-  EXPECT_EQ(text(w, "pairingError"),
-            "That code looks too short. Codes are on the Corvane website under Settings \u203A "
-            "Devices.");
-
-  click(w, "codeToggle");
-  EXPECT_FALSE(shown(w, "codeField"));
-  EXPECT_EQ(text(w, "codeToggle"), "Have a code?");
 }
 
 TEST_F(SetupWindowTest, PendingLinkIsConfirmedOrCancelled) {
@@ -356,11 +310,16 @@ TEST_F(SetupWindowTest, FullDiskAccessButtonsAndTheWaitForTheSwitch) {
   EXPECT_EQ(text(w, "stepTitle"), "Let Corvane send the texts you approve");
 }
 
-TEST_F(SetupWindowTest, DeniedAutomationOffersRecoveryInsteadOfTheRequest) {
+TEST_F(SetupWindowTest, AutomationCanBeSkippedAndADenialOffersRecovery) {
   rig.pairedBefore();
   rig.probes.automationRequestAnswer = {S::denied, std::nullopt};
   SetupWindow& w = open();
   ASSERT_EQ(published().step, SetupStep::automation);
+  click(w, "skipAutomation");
+  EXPECT_EQ(published().step, SetupStep::contacts);
+  click(w, "back");
+  EXPECT_EQ(text(w, "stepTitle"), "Let Corvane send the texts you approve");
+
   click(w, "allowSending");
   EXPECT_TRUE(shown(w, "automationBusy"));
   EXPECT_EQ(text(w, "automationBusy"), "Click OK in the box macOS shows\u2026");
@@ -368,40 +327,25 @@ TEST_F(SetupWindowTest, DeniedAutomationOffersRecoveryInsteadOfTheRequest) {
   rig.settle();
   EXPECT_EQ(rig.probes.automationRequests, 1);
   expectShown(w, {"automationDenied", "openAutomationSettings", "checkAgain"}, {"allowSending"});
-
   click(w, "openAutomationSettings");
   EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_Automation"});
-  // The user turned it on in System Settings.
-  rig.probes.automationAnswer = S::granted;
+  rig.probes.automationAnswer = S::granted;  // turned on in System Settings
   click(w, "checkAgain");
   rig.settle();
   expectShown(w, {"automationGranted"}, {"checkAgain"});
+  click(w, "automationContinue");
+  EXPECT_EQ(text(w, "stepTitle"), "Show names, not numbers");
 }
 
-TEST_F(SetupWindowTest, SkippingBothPermissionsGivesTheJoinedSentence) {
-  rig.pairedBefore();
-  rig.probes.automationAnswer = S::denied;
-  SetupWindow& w = open();
-  ASSERT_EQ(published().step, SetupStep::automation);
-  click(w, "skipAutomation");
-  ASSERT_EQ(published().step, SetupStep::contacts);
-  click(w, "skipContacts");
-  ASSERT_EQ(published().step, SetupStep::done);
-  EXPECT_EQ(text(w, "skippedPermissions"),
-            "Automation and Contacts. Turn them on anytime from Setup\u2026 in the menu.");
-}
-
-TEST_F(SetupWindowTest, BackContinueAndTheContactsButtons) {
+TEST_F(SetupWindowTest, TheContactsButtons) {
   rig.pairedBefore();
   rig.probes.automationAnswer = S::granted;
   rig.probes.contactsAfterRequest = S::denied;
   SetupWindow& w = open();
   ASSERT_EQ(published().step, SetupStep::contacts);
+  click(w, "skipContacts");
+  EXPECT_EQ(published().step, SetupStep::done);
   click(w, "back");
-  EXPECT_EQ(text(w, "stepTitle"), "Let Corvane send the texts you approve");
-  click(w, "automationContinue");
-  EXPECT_EQ(text(w, "stepTitle"), "Show names, not numbers");
-
   click(w, "allowContacts");
   rig.settle();
   EXPECT_EQ(rig.probes.contactsRequests, 1);
@@ -412,7 +356,7 @@ TEST_F(SetupWindowTest, BackContinueAndTheContactsButtons) {
   EXPECT_EQ(published().step, SetupStep::done);
 }
 
-TEST_F(SetupWindowTest, LaunchAtLoginToggleAndItsError) {
+TEST_F(SetupWindowTest, TheLastStepsToggleItsErrorDoneAndOpenCorvane) {
   rig.pairedBefore();
   rig.probes.automationAnswer = S::granted;
   rig.probes.contacts = S::granted;
@@ -426,20 +370,12 @@ TEST_F(SetupWindowTest, LaunchAtLoginToggleAndItsError) {
   click(w, "launchAtLogin");
   EXPECT_TRUE(rig.loginItem.enabled);
   EXPECT_FALSE(shown(w, "loginItemError"));
-
   rig.loginItem.failure = "Operation not permitted";
   click(w, "launchAtLogin");
   EXPECT_TRUE(toggle->isChecked());  // it is still registered
   EXPECT_TRUE(shown(w, "loginItemError"));
   EXPECT_EQ(text(w, "loginItemError"), "Operation not permitted");
-}
 
-TEST_F(SetupWindowTest, DoneFinishesTheSetupAndClosesOpenCorvaneOpensTheWebsite) {
-  rig.pairedBefore();
-  rig.probes.automationAnswer = S::granted;
-  rig.probes.contacts = S::granted;
-  SetupWindow& w = open();
-  ASSERT_EQ(published().step, SetupStep::done);
   click(w, "openCorvane");
   EXPECT_EQ(opened, std::vector<std::string>{rig.server});
   EXPECT_EQ(closed, 0);

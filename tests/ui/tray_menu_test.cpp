@@ -72,76 +72,65 @@ AppModel::Published syncing() {
 }
 
 TEST_F(TrayMenuTest, ItemsInEachState) {
-  struct Case {
+  auto noPermission = syncing();
+  noPermission.fullDiskAccess = false;
+  auto paused = syncing();
+  paused.paused = true;
+  auto unreachable = syncing();
+  unreachable.phase = SyncPhase::error("Can't reach Corvane \u2014 retrying");
+  unreachable.canCheckForUpdates = true;
+  auto updateOffered = syncing();
+  updateOffered.phase = SyncPhase::error("Sync problem \u2014 retrying");
+  updateOffered.availableVersion = "1.4.0";
+  updateOffered.canCheckForUpdates = true;
+  auto nameless = syncing();
+  nameless.userName.reset();
+  nameless.phase = SyncPhase::error("This Mac was disconnected from your account.");
+  const struct {
     const char* name;
-    std::function<AppModel::Published()> state;
+    AppModel::Published state;
     bool setupCompleted;
     std::vector<std::string> items;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"not connected",
-       [] { return AppModel::Published{}; },
+       {},
        false,
        {"(off) Not connected", "Pause syncing", "Sync now", "Finish setup\u2026",
         "(off) Check for Updates\u2026", "Quit Corvane"}},
       {"needs permission",
-       [] {
-         auto p = syncing();
-         p.fullDiskAccess = false;
-         return p;
-       },
+       noPermission,
        false,
        {"(off) Needs permission", "(off) Connected as Alex Rivera", "Pause syncing", "Sync now",
         "Finish setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
       {"paused",
-       [] {
-         auto p = syncing();
-         p.paused = true;
-         return p;
-       },
+       paused,
        true,
        {"(off) Paused", "(off) Connected as Alex Rivera", "Resume syncing", "Sync now",
         "Setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
       {"error",
-       [] {
-         auto p = syncing();
-         p.phase = SyncPhase::error("Can't reach Corvane \u2014 retrying");
-         p.canCheckForUpdates = true;
-         return p;
-       },
+       unreachable,
        true,
        {"(off) Can't reach Corvane \u2014 retrying", "(off) Connected as Alex Rivera",
         "Pause syncing", "Sync now", "Setup\u2026", "Check for Updates\u2026", "Quit Corvane"}},
       {"update offered",
-       [] {
-         auto p = syncing();
-         p.phase = SyncPhase::error("Sync problem \u2014 retrying");
-         p.availableVersion = "1.4.0";
-         p.canCheckForUpdates = true;
-         return p;
-       },
+       updateOffered,
        true,
        {"(off) Sync problem \u2014 retrying", "(off) Connected as Alex Rivera", "Pause syncing",
         "Sync now", "Setup\u2026", "Update available: Corvane 1.4.0", "Check for Updates\u2026",
         "Quit Corvane"}},
       {"connected, no name yet",
-       [] {
-         auto p = syncing();
-         p.userName.reset();
-         p.phase = SyncPhase::error("This Mac was disconnected from your account.");
-         return p;
-       },
+       nameless,
        true,
        {"(off) This Mac was disconnected from your account.", "Pause syncing", "Sync now",
         "Setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
   };
   AppModel& model = preview();
+  EXPECT_EQ(tray->trayIcon()->contextMenu(), tray->menu());
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     rig.defaults.setBool(DefaultsKey::setupCompleted, c.setupCompleted);
-    model.setPreview(c.state());
+    model.setPreview(c.state);
     EXPECT_EQ(visibleItems(), c.items);
-    EXPECT_EQ(tray->trayIcon()->contextMenu(), tray->menu());
   }
 }
 
