@@ -115,35 +115,12 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
        {"connectWithBrowser", "codeToggle"},
        {"waitingForBrowser", "pairingError", "pendingLink", "connectedAs", "codeBox"},
        {}},
-      {"connect: waiting",
-       {.pairing = PairingState::waitingForBrowser(1)},
-       {"connectWithBrowser", "waitingForBrowser"},
-       {"pairingError", "connectedAs"},
-       {{"waitingForBrowser", "Finish signing in in your browser\u2026"}}},
-      {"connect: failed",
-       {.pairing = PairingState::failed("That code didn't work.")},
-       {"pairingError"},
-       {"waitingForBrowser"},
-       {{"pairingError", "That code didn't work."}}},
-      {"connect: connected",
-       {.connected = true, .userName = "Alex Rivera"},
-       {"connectedAs", "connectContinue"},
-       {"connectWithBrowser", "codeToggle", "pendingLink"},
-       {{"connectedAs", "Connected as Alex Rivera"}}},
-      {"connect: link from an unusual server",
-       {.pendingLink = ConnectLink{"ABCD1234", "https://corvane.example.net"}},
-       {"pendingLinkText", "pendingContinue", "pendingCancel", "untrustedWarning"},
-       {"connectWithBrowser", "connectedAs"},
-       {{"pendingLinkText", "Connect this Mac to the Corvane account at corvane.example.net"},
-        {"untrustedWarning",
-         "This isn't the usual Corvane website. Only continue if you trust it \u2014 your "
-         "roster's messages would go there."}}},
       {"automation: undecided",
        {.step = Step::automation},
        {"allowSending", "skipAutomation"},
        {"automationBusy", "automationDenied", "openAutomationSettings", "checkAgain",
         "automationGranted", "automationMessage"},
-       {{"allowSending", "Allow sending"}, {"skipAutomation", "Skip for now"}}},
+       {}},
       {"automation: no answer",
        {.automationMessage = "Messages didn't answer in time.", .step = Step::automation},
        {"allowSending", "automationMessage"},
@@ -162,11 +139,6 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
         {"automationMessage", "Not authorised to send Apple events."},
         {"openAutomationSettings", "Open Automation Settings"},
         {"checkAgain", "Check again"}}},
-      {"automation: granted",
-       {.automation = S::granted, .step = Step::automation},
-       {"automationGranted", "automationContinue"},
-       {"allowSending", "automationDenied", "skipAutomation"},
-       {{"automationGranted", "Corvane can send through Messages"}}},
       {"contacts: undecided",
        {.step = Step::contacts},
        {"allowContacts", "skipContacts"},
@@ -177,14 +149,6 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
        {"contactsGranted", "contactsContinue"},
        {"allowContacts", "contactsDenied", "skipContacts"},
        {{"contactsGranted", "Names are on"}}},
-      {"contacts: denied",
-       {.contacts = S::denied, .step = Step::contacts},
-       {"contactsDenied", "openContactsSettings", "contactsContinue"},
-       {"allowContacts", "contactsGranted", "skipContacts"},
-       {{"contactsDenied",
-         "Contacts access is off. You can turn it on later in System Settings \u203A Privacy & "
-         "Security \u203A Contacts."},
-        {"openContactsSettings", "Open Contacts Settings"}}},
       {"done: one skipped",
        {.contacts = S::granted, .step = Step::done},
        {"skippedPermissions", "launchAtLogin", "done", "openCorvane"},
@@ -193,11 +157,6 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
         {"launchAtLogin", "Launch Corvane when I log in"},
         {"done", "Done"},
         {"openCorvane", "Open Corvane"}}},
-      {"done: nothing skipped",
-       {.automation = S::granted, .contacts = S::denied, .step = Step::done},
-       {},
-       {"skippedPermissions"},
-       {}},
   };
   SetupWindow& w = preview(at(SetupStep::connect));
   for (const auto& c : cases) {
@@ -231,6 +190,7 @@ TEST_F(SetupWindowTest, ConnectWaitsForTheBrowserAndTheCodeBoxPairsWithTheTypedC
   SetupWindow& w = open();
   click(w, "connectWithBrowser");
   EXPECT_EQ(rig.opener.urls, std::vector<std::string>{AppModel::connectPageURL(rig.server)});
+  EXPECT_EQ(text(w, "waitingForBrowser"), "Finish signing in in your browser\u2026");
   EXPECT_TRUE(shown(w, "waitingForBrowser"));
 
   EXPECT_EQ(text(w, "codeToggle"), "Have a code?");
@@ -244,7 +204,7 @@ TEST_F(SetupWindowTest, ConnectWaitsForTheBrowserAndTheCodeBoxPairsWithTheTypedC
   QTest::keyClicks(field, "ab c");
   QTest::keyClick(field, Qt::Key_Return);
   EXPECT_TRUE(rig.pairings().empty());
-  EXPECT_TRUE(shown(w, "pairingError"));
+  expectShown(w, {"pairingError"}, {"waitingForBrowser"});
   EXPECT_EQ(text(w, "pairingError"), AppModel::codeTooShortText);
   click(w, "codeToggle");
   EXPECT_FALSE(shown(w, "codeField"));
@@ -257,9 +217,9 @@ TEST_F(SetupWindowTest, ConnectWaitsForTheBrowserAndTheCodeBoxPairsWithTheTypedC
   EXPECT_FALSE(enabled(w, "codeConnect"));  // while the pairing runs
   rig.settle();
   EXPECT_EQ(rig.pairings(), std::vector<std::string>{rig.server + " K7QP2MXD"});
-  EXPECT_TRUE(shown(w, "connectedAs"));
+  expectShown(w, {"connectedAs", "connectContinue"},
+              {"codeField", "connectWithBrowser", "codeToggle", "pendingLink"});
   EXPECT_EQ(text(w, "connectedAs"), "Connected as Sam");
-  EXPECT_FALSE(shown(w, "codeField"));
 }
 
 TEST_F(SetupWindowTest, PendingLinkIsConfirmedOrCancelled) {
@@ -267,7 +227,13 @@ TEST_F(SetupWindowTest, PendingLinkIsConfirmedOrCancelled) {
   const std::string link =
       "corvane://connect?code=ABCD1234&server=https%3A%2F%2Fcorvane.example.net";
   rig.model().handleLink(link);
-  ASSERT_TRUE(shown(w, "pendingLink"));
+  expectShown(w, {"pendingLinkText", "pendingContinue", "pendingCancel", "untrustedWarning"},
+              {"connectWithBrowser", "connectedAs"});
+  EXPECT_EQ(text(w, "pendingLinkText"),
+            "Connect this Mac to the Corvane account at corvane.example.net");
+  EXPECT_EQ(text(w, "untrustedWarning"),
+            "This isn't the usual Corvane website. Only continue if you trust it \u2014 your "
+            "roster's messages would go there.");
   click(w, "pendingCancel");
   EXPECT_FALSE(shown(w, "pendingLink"));
   EXPECT_TRUE(shown(w, "connectWithBrowser"));
@@ -332,7 +298,9 @@ TEST_F(SetupWindowTest, AutomationCanBeSkippedAndADenialOffersRecovery) {
   rig.probes.automationAnswer = S::granted;  // turned on in System Settings
   click(w, "checkAgain");
   rig.settle();
-  expectShown(w, {"automationGranted"}, {"checkAgain"});
+  expectShown(w, {"automationGranted"},
+              {"checkAgain", "allowSending", "automationDenied", "skipAutomation"});
+  EXPECT_EQ(text(w, "automationGranted"), "Corvane can send through Messages");
   click(w, "automationContinue");
   EXPECT_EQ(text(w, "stepTitle"), "Show names, not numbers");
 }
@@ -349,7 +317,12 @@ TEST_F(SetupWindowTest, TheContactsButtons) {
   click(w, "allowContacts");
   rig.settle();
   EXPECT_EQ(rig.probes.contactsRequests, 1);
-  EXPECT_TRUE(shown(w, "contactsDenied"));
+  expectShown(w, {"contactsDenied", "contactsContinue"},
+              {"allowContacts", "contactsGranted", "skipContacts"});
+  EXPECT_EQ(text(w, "contactsDenied"),
+            "Contacts access is off. You can turn it on later in System Settings \u203A Privacy & "
+            "Security \u203A Contacts.");
+  EXPECT_EQ(text(w, "openContactsSettings"), "Open Contacts Settings");
   click(w, "openContactsSettings");
   EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_Contacts"});
   click(w, "contactsContinue");
@@ -362,6 +335,7 @@ TEST_F(SetupWindowTest, TheLastStepsToggleItsErrorDoneAndOpenCorvane) {
   rig.probes.contacts = S::granted;
   SetupWindow& w = open();
   ASSERT_EQ(published().step, SetupStep::done);
+  EXPECT_FALSE(shown(w, "skippedPermissions"));
   auto* toggle = qobject_cast<QCheckBox*>(testing::child(w, "launchAtLogin"));
   ASSERT_NE(toggle, nullptr);
   EXPECT_TRUE(toggle->isChecked());  // a first setup starts with it on
