@@ -84,8 +84,10 @@ class DaemonTest : public ::testing::Test {
   }
 
   CycleDeps deps() {
-    return {api, chatDB.empty() ? builder.path() : chatDB, store, sender, nullptr, "US", false, log,
-            [] { return kNow; }};
+    CycleDeps d{api, chatDB.empty() ? builder.path() : chatDB, store, sender, nullptr, "US", false,
+                log, [] { return kNow; }};
+    d.directoryCache = cache;
+    return d;
   }
 
   // Runs the daemon; the sleep hook records waits and stops it after `cycles` sleeps.
@@ -108,6 +110,7 @@ class DaemonTest : public ::testing::Test {
   TempDir dir;
   ChatDbBuilder builder;
   std::string chatDB;
+  std::shared_ptr<DirectoryCache> cache;
   std::shared_ptr<FakeAgentAPI> api = std::make_shared<FakeAgentAPI>();
   std::shared_ptr<MemoryStateStore> store = std::make_shared<MemoryStateStore>();
   std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
@@ -145,8 +148,7 @@ TEST_F(DaemonTest, TransientErrorsBackOffAndSuccessResetsTheCount) {
   int call = 0;
   // fail, fail, succeed, fail
   failCallsWith([&]() -> std::optional<APIError> {
-    ++call;
-    if (call == 3) return std::nullopt;
+    if (++call == 3) return std::nullopt;
     return APIError::http(503, "GET /api/agent/config \u2192 503: Service Unavailable");
   });
   EXPECT_EQ(run(4), 0);
@@ -185,28 +187,14 @@ TEST_F(DaemonTest, OtherErrorsAreReportedAsCycleFailures) {
                             "(x) \u2014 retrying in 30s"));
 }
 
-TEST_F(DaemonTest, ContactsAreLoadedOncePerTTL) {
+TEST_F(DaemonTest, ContactsAreLoadedOncePerTTLAndEveryCycleSharesTheDirectoryCache) {
   int loads = 0;
-  SyncEngine::DaemonOptions options;
-  options.loadContacts = [&] {
+  cache = std::make_shared<DirectoryCache>();
+  run(3, {.loadContacts = [&] {
     ++loads;
     return std::make_shared<const EmptyContactBook>();
-  };
-  run(3, options);
+  }});
   EXPECT_EQ(loads, 1);
-}
-
-TEST_F(DaemonTest, EveryCycleSharesTheDirectoryCache) {
-  const auto cache = std::make_shared<DirectoryCache>();
-  std::stop_source stop;
-  SyncEngine::DaemonOptions options;
-  int sleeps = 0;
-  options.sleep = [&](std::int64_t) {
-    if (++sleeps == 3) stop.request_stop();
-  };
-  CycleDeps withCache = deps();
-  withCache.directoryCache = cache;
-  EXPECT_EQ(SyncEngine::runDaemon(withCache, options, stop.get_token()), 0);
   EXPECT_EQ(cache->lastRefresh(), DirectoryCache::Refresh::unchanged)
       << "the later cycles found the aggregates of the first";
 }
@@ -285,22 +273,19 @@ TEST(ContactsCacheTest, CallersOnSeveralThreadsShareOneLoad) {
 }
 
 TEST(ConsoleLoggerTest, WritesStampedLinesWithLevelPrefixes) {
-  TempDir dir;
-  const std::string path = dir.file("log");
-  std::FILE* f = std::fopen(path.c_str(), "w");
+  std::FILE* f = std::tmpfile();
   {
     ConsoleLogger logger(f, [] { return kNow; });
     logger.info("hello");
     logger.warn("careful");
     logger.error("broken");
   }
+  std::rewind(f);
+  std::string text(4096, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), f));
   std::fclose(f);
-  std::ifstream in(path);
-  std::vector<std::string> lines;
-  for (std::string l; std::getline(in, l);) lines.push_back(l);
   const std::string stamp = "[" + isoString(kNow) + "] ";
-  EXPECT_EQ(lines, (std::vector<std::string>{stamp + "hello", stamp + "warn: careful",
-                                             stamp + "error: broken"}));
+  EXPECT_EQ(text, stamp + "hello\n" + stamp + "warn: careful\n" + stamp + "error: broken\n");
 }
 
 }  // namespace
