@@ -18,6 +18,15 @@ class AppModelTest : public ::testing::Test {
   AppModelRig rig;
 };
 
+// The shown step moves on to `to` `seconds` from now, and not before.
+void expectStepAfter(AppModelRig& rig, double seconds, SetupStep to) {
+  const SetupStep from = rig.published().step;
+  rig.scheduler.advance(seconds - 0.1);
+  EXPECT_EQ(rig.published().step, from);
+  rig.scheduler.advance(0.1);
+  EXPECT_EQ(rig.published().step, to);
+}
+
 // Start-up.
 
 TEST_F(AppModelTest, ReadsTokenStateAndServer) {
@@ -259,10 +268,7 @@ TEST_F(AppModelTest, SuccessStoresTheAccountStartsFreshAndPassesSatisfiedSteps) 
   EXPECT_EQ(pairCall.api->pairs.at(0).deviceName, "Test Mac");
   EXPECT_EQ(pairCall.api->pairs.at(0).agentVersion, "mac-1.2.3");
 
-  rig.scheduler.advance(1.5);
-  EXPECT_EQ(p.step, SetupStep::connect);
-  rig.scheduler.advance(0.1);
-  EXPECT_EQ(p.step, SetupStep::done);
+  expectStepAfter(rig, 1.6, SetupStep::done);
 }
 
 // Connect links.
@@ -361,10 +367,7 @@ TEST_F(AppModelTest, FullDiskPollAdvancesOnceAccessIsOnAndStopsWithTheWindow) {
   rig.probes.access = {true, true};
   rig.scheduler.advance(2.0);
   EXPECT_TRUE(rig.published().fullDiskAccess);
-  rig.scheduler.advance(1.1);
-  EXPECT_EQ(rig.published().step, SetupStep::fullDisk);
-  rig.scheduler.advance(0.1);
-  EXPECT_EQ(rig.published().step, SetupStep::automation);
+  expectStepAfter(rig, 1.2, SetupStep::automation);
   const int probesAfter = rig.probes.fullDiskProbes;
   rig.scheduler.advance(10.0);
   EXPECT_EQ(rig.probes.fullDiskProbes, probesAfter);  // the poll stopped
@@ -395,10 +398,7 @@ TEST(AppModelPermissionTest, AutomationRequestOutcomes) {
     EXPECT_EQ(rig.published().automationMessage, c.answer.message);
     EXPECT_EQ(Permissions::loadAutomationAnswer(rig.defaults), c.answer.state);
     EXPECT_EQ(rig.statuses().size(), reportsBefore + 1);
-    rig.scheduler.advance(0.9);
-    EXPECT_EQ(rig.published().step, SetupStep::automation);
-    rig.scheduler.advance(0.1);
-    EXPECT_EQ(rig.published().step, c.advances ? SetupStep::contacts : SetupStep::automation);
+    expectStepAfter(rig, 1.0, c.advances ? SetupStep::contacts : SetupStep::automation);
   }
 }
 
@@ -409,10 +409,7 @@ TEST_F(AppModelTest, ContactsRequestAdvancesWhenGranted) {
   rig.model().requestContacts();
   rig.settle();
   EXPECT_EQ(rig.published().contacts, S::granted);
-  rig.scheduler.advance(0.8);
-  EXPECT_EQ(rig.published().step, SetupStep::contacts);
-  rig.scheduler.advance(0.1);
-  EXPECT_EQ(rig.published().step, SetupStep::done);
+  expectStepAfter(rig, 0.9, SetupStep::done);
 }
 
 TEST_F(AppModelTest, AnAutomationProbeWithoutAnswerKeepsTheRememberedOne) {

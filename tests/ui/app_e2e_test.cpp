@@ -4,7 +4,6 @@
 // Mac pairs, syncs, and the menu says so.
 #include <gtest/gtest.h>
 
-#include <QApplication>
 #include <QLineEdit>
 #include <QMenu>
 #include <QTest>

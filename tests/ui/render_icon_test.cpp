@@ -9,7 +9,6 @@
 #include <QImage>
 #include <QImageReader>
 #include <filesystem>
-#include <fstream>
 
 #include "app/ui/app_icon.h"
 #include "tests/ui/corvane_process.h"

@@ -24,7 +24,6 @@ namespace corvane {
 namespace {
 
 using testing::ChildProcess;
-using ::testing::ElementsAre;
 using testing::ExitStatus;
 using ::testing::HasSubstr;
 using ::testing::Not;
