@@ -3,15 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 namespace corvane {
 namespace {
 
 TEST(LettersTest, UppercasesCodePointByCodePoint) {
-  const struct {
-    std::string input;
-    std::string expected;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"en_us", "EN_US"},
       {"\u00E9lise", "\u00C9LISE"},
       {"\u017Fe", "SE"},     // long s upper-cases to an ASCII letter
@@ -23,7 +21,7 @@ TEST(LettersTest, UppercasesCodePointByCodePoint) {
        "B"},  // invalid bytes survive untouched
       {"", ""},
   };
-  for (const auto& c : cases) EXPECT_EQ(uppercased(c.input), c.expected) << c.input;
+  for (const auto& [input, expected] : cases) EXPECT_EQ(uppercased(input), expected) << input;
 }
 
 TEST(LettersTest, RecognisesLettersOfAnyScript) {

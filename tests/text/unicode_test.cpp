@@ -29,16 +29,11 @@ TEST(ClipUTF16Test, NeverSplitsACharacter) {
       {"caf" + kEAcute + "!", 5, "caf" + kEAcute},
       {"\U0001F600x", 1, ""},
       {"\u00e9\u00e9\u00e9", 2, "\u00e9\u00e9"},  // 2-byte letters count one unit each
+      {"ab\xff\xfe" "cd", 3, "ab\xff"},  // invalid bytes give a prefix of the input
   };
   for (const auto& c : cases) {
     EXPECT_EQ(clipUTF16(c.input, c.max), c.expected) << c.input << " / " << c.max;
   }
-}
-
-TEST(ClipUTF16Test, InvalidBytesGiveAPrefixOfTheInput) {
-  const std::string bad = "ab\xff\xfe" "cd";
-  const std::string clipped = clipUTF16(bad, 3);
-  EXPECT_EQ(clipped, "ab\xff");
 }
 
 TEST(UTF8Test, ValidationAndRepair) {
@@ -83,10 +78,7 @@ TEST(UTF8Test, ValidationSeesEveryOffset) {
 }
 
 TEST(TrimTest, RemovesUnicodeSpacesAndLineBreaksOnly) {
-  struct Case {
-    std::string input, expected;
-  };
-  const Case cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"  hi  ", "hi"},
       {"\t\r\n hi \n", "hi"},
       {"\u00a0\u2028hi\u3000\u0085", "hi"},
@@ -95,7 +87,7 @@ TEST(TrimTest, RemovesUnicodeSpacesAndLineBreaksOnly) {
       {" \n ", ""},
       {"hi\xff ", "hi\xff"},
   };
-  for (const auto& c : cases) EXPECT_EQ(trimWhitespace(c.input), c.expected) << c.input;
+  for (const auto& [input, expected] : cases) EXPECT_EQ(trimWhitespace(input), expected) << input;
 }
 
 TEST(TextTest, LowercasingAndDigits) {
