@@ -67,9 +67,7 @@ TEST(FileStateStoreTest, SaveThenLoadGivesTheSameState) {
 TEST(FileStateStoreTest, FileLeavesOutAbsentOptionalsButAlwaysHasCollections) {
   TempDir tmp;
   FileStateStore store(tmp.path());
-  AgentState state;
-  state.outboxDone = {{"o1", SendStatus::sent, std::nullopt, 5, false}};
-  store.save(state);
+  store.save(AgentState{.outboxDone = {{"o1", SendStatus::sent, std::nullopt, 5, false}}});
 
   const auto j = nlohmann::json::parse(readFile(store.path()));
   std::set<std::string> keys;
@@ -94,11 +92,7 @@ TEST(FileStateStoreTest, FileIsPrettyPrintedWithSortedKeysAndStable) {
 TEST(FileStateStoreTest, UnusableFilesLoadAsTheDefaultState) {
   const std::string valid = R"({"cursor": 5, "backfilled": [], "directorySent": {},
       "assistantSent": [], "selfPosted": [], "outboxDone": []})";
-  struct Case {
-    const char* what;
-    std::string text;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, std::string> cases[] = {
       {"empty file", ""},
       {"not JSON", "{\"cursor\": 5,"},
       {"not an object", "[1, 2]"},
@@ -113,11 +107,11 @@ TEST(FileStateStoreTest, UnusableFilesLoadAsTheDefaultState) {
        R"({"outboxDone": [{"id": "a", "status": "sent", "at": 1}]})"},
       {"truncated valid file", valid.substr(0, valid.size() / 2)},
   };
-  for (const auto& c : cases) {
+  for (const auto& [what, text] : cases) {
     TempDir tmp;
     FileStateStore store(tmp.path());
-    writeFile(store.path(), c.text);
-    EXPECT_EQ(store.load(), AgentState{}) << c.what;
+    writeFile(store.path(), text);
+    EXPECT_EQ(store.load(), AgentState{}) << what;
   }
   // No file, no directory, or a directory where the file should be.
   TempDir tmp;
@@ -134,10 +128,8 @@ TEST(FileStateStoreTest, ToleratesMissingCollectionsAndNullOptionals) {
             R"({"cursor": 12, "selfCursor": null, "lastError": null, "future": {"x": 1},
                 "outboxDone": [{"id": "a", "status": "failed", "error": null, "at": 2,
                                 "acked": true}]})");
-  AgentState expected;
-  expected.cursor = 12;
-  expected.outboxDone = {{"a", SendStatus::failed, std::nullopt, 2, true}};
-  EXPECT_EQ(store.load(), expected);
+  EXPECT_EQ(store.load(), (AgentState{.cursor = 12, .outboxDone = {{"a", SendStatus::failed,
+                                                                     std::nullopt, 2, true}}}));
 }
 
 TEST(FileStateStoreTest, StateDirectoryAndFileArePrivate) {
@@ -165,8 +157,7 @@ TEST(FileStateStoreTest, StateDirectoryAndFileArePrivate) {
 TEST(FileStateStoreTest, LeftoverTemporaryFileFromACrashIsHarmless) {
   TempDir tmp;
   FileStateStore store(tmp.path());
-  AgentState old;
-  old.cursor = 1;
+  const AgentState old{.cursor = 1};
   store.save(old);
   // A crash between writing the temporary file and the rename leaves it behind.
   const fs::path temp =
@@ -213,19 +204,15 @@ TEST(FileStateStoreTest, DefaultDirectoryFollowsThePlatformLayout) {
     std::map<std::string, std::string> env;
     std::string expected;
   };
+  const std::string mac = "/Users/alex/Library/Application Support/Corvane";
+  const std::string xdg = "/home/alex/.local/share/Corvane";
   const Case cases[] = {
-      {Layout::macOS, {{"HOME", "/Users/alex"}}, "/Users/alex/Library/Application Support/Corvane"},
-      {Layout::macOS,
-       {{"HOME", "/Users/alex"}, {"XDG_DATA_HOME", "/data"}},
-       "/Users/alex/Library/Application Support/Corvane"},
-      {Layout::xdg, {{"HOME", "/home/alex"}}, "/home/alex/.local/share/Corvane"},
+      {Layout::macOS, {{"HOME", "/Users/alex"}}, mac},
+      {Layout::macOS, {{"HOME", "/Users/alex"}, {"XDG_DATA_HOME", "/data"}}, mac},
+      {Layout::xdg, {{"HOME", "/home/alex"}}, xdg},
       {Layout::xdg, {{"HOME", "/home/alex"}, {"XDG_DATA_HOME", "/data"}}, "/data/Corvane"},
-      {Layout::xdg,
-       {{"HOME", "/home/alex"}, {"XDG_DATA_HOME", ""}},
-       "/home/alex/.local/share/Corvane"},
-      {Layout::xdg,
-       {{"HOME", "/home/alex"}, {"XDG_DATA_HOME", "relative/data"}},
-       "/home/alex/.local/share/Corvane"},
+      {Layout::xdg, {{"HOME", "/home/alex"}, {"XDG_DATA_HOME", ""}}, xdg},
+      {Layout::xdg, {{"HOME", "/home/alex"}, {"XDG_DATA_HOME", "relative/data"}}, xdg},
   };
   for (const auto& c : cases) {
     const auto getenv = [&](const char* name) -> const char* {
@@ -239,11 +226,9 @@ TEST(FileStateStoreTest, DefaultDirectoryFollowsThePlatformLayout) {
 
 TEST(MemoryStateStoreTest, ReadersOnOtherThreadsSeeWholeStates) {
   // Two states that differ in every field: a torn read would mix them.
-  AgentState a = fullState();
-  AgentState b;
-  b.cursor = 1;
-  b.backfilled.assign(100, "x");
-  b.lastError = std::string(1000, 'e');
+  const AgentState a = fullState();
+  const AgentState b{.cursor = 1, .backfilled = std::vector<std::string>(100, "x"),
+                     .lastError = std::string(1000, 'e')};
   MemoryStateStore store(a);
 
   std::vector<std::thread> threads;
