@@ -179,12 +179,12 @@ TEST(AppModelPairTest, CodeLengthIsCountedWithoutBlanks) {
     const char* typed;
     std::optional<std::string> sent;  // absent: refused as too short
   } cases[] = {{"ABC", std::nullopt},
-                 {"ABCDEFGHIJKLMNOPQ", std::nullopt},
-                 {" A B C ", std::nullopt},
-                 {"ABCD", "ABCD"},
-                 {"ABCDEFGHIJKLMNOP", "ABCDEFGHIJKLMNOP"},
-                 {"  AB CD\t12 \n", "ABCD12"},
-                 {"A B C D E F G H I J K L M N O P", "ABCDEFGHIJKLMNOP"}};
+               {"ABCDEFGHIJKLMNOPQ", std::nullopt},
+               {" A B C ", std::nullopt},
+               {"ABCD", "ABCD"},
+               {"ABCDEFGHIJKLMNOP", "ABCDEFGHIJKLMNOP"},
+               {"  AB CD\t12 \n", "ABCD12"},
+               {"A B C D E F G H I J K L M N O P", "ABCDEFGHIJKLMNOP"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.typed);
     AppModelRig rig;

@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <map>
 #include <regex>
-#include <sstream>
 
 #include "tests/support/temp_dir.h"
 #include "tests/support/text_file.h"
@@ -61,28 +60,22 @@ std::vector<std::string> launcherArguments(const std::string& value) {
 }
 
 std::string execValue(const std::string& entry) {
-  std::istringstream lines(entry);
-  std::string line;
-  while (std::getline(lines, line)) {
-    if (line.starts_with("Exec=")) return line.substr(5);
-  }
-  return {};
+  std::smatch m;
+  return std::regex_search(entry, m, std::regex("\nExec=([^\n]*)")) ? m[1].str() : "";
 }
 
 TEST(DesktopEntryTest, TheExecLineGivesBackAnyPathAndTheLinkPlaceholder) {
-  const char* paths[] = {
-      "/usr/bin/Corvane",
-      "/opt/My Apps/Corvane",
-      "/home/a/it's/Corvane",
-      "/home/a/\"quoted\"/Corvane",
-      "/home/a/back\\slash/Corvane",
-      "/home/a/$HOME/`id`/Corvane",
-      "/home/a/100%/Corvane",
-      "/opt/My Apps/100%/Corvane",
-      "/home/a/%u/Corvane",
-      "/home/a/semi;colon/a=b/Corvane",
-      "/home/ä/日本/Corvane",
-  };
+  const char* paths[] = {"/usr/bin/Corvane",
+                         "/opt/My Apps/Corvane",
+                         "/home/a/it's/Corvane",
+                         "/home/a/\"quoted\"/Corvane",
+                         "/home/a/back\\slash/Corvane",
+                         "/home/a/$HOME/`id`/Corvane",
+                         "/home/a/100%/Corvane",
+                         "/opt/My Apps/100%/Corvane",
+                         "/home/a/%u/Corvane",
+                         "/home/a/semi;colon/a=b/Corvane",
+                         "/home/ä/日本/Corvane"};
   for (const char* path : paths) {
     const auto entry = DesktopEntry::text(path);
     ASSERT_TRUE(entry) << path;

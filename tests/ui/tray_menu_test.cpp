@@ -13,26 +13,17 @@
 namespace corvane {
 namespace {
 
-QIcon plainIcon() {
-  QPixmap pixmap(16, 16);
-  pixmap.fill(Qt::black);
-  return QIcon(pixmap);
-}
-
 class TrayMenuTest : public ::testing::Test {
  protected:
   testing::AppModelRig rig;
   int setupShown = 0, quits = 0;
   std::unique_ptr<TrayMenu> tray;
 
-  // The menu over a preview model, whose published state the test sets.
-  AppModel& preview() {
-    rig.options.previewMode = true;
-    return make();
-  }
-  AppModel& make() {
+  // The menu over the rig's model; over a preview model, the test sets what it shows.
+  AppModel& make(bool preview = false) {
+    rig.options.previewMode = preview;
     tray = std::make_unique<TrayMenu>(
-        rig.model(), plainIcon(), TrayMenu::Actions{[this] { ++setupShown; }, [this] { ++quits; }});
+        rig.model(), QIcon(), TrayMenu::Actions{[this] { ++setupShown; }, [this] { ++quits; }});
     return rig.model();
   }
   QAction* item(const char* name) {
@@ -116,7 +107,7 @@ TEST_F(TrayMenuTest, ItemsInEachState) {
        {"(off) This Mac was disconnected from your account.", "Pause syncing", "Sync now",
         "Setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
   };
-  AppModel& model = preview();
+  AppModel& model = make(true);
   EXPECT_EQ(tray->trayIcon()->contextMenu(), tray->menu());
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -127,7 +118,7 @@ TEST_F(TrayMenuTest, ItemsInEachState) {
 }
 
 TEST_F(TrayMenuTest, TextsAreReadAgainWhenTheMenuOpens) {
-  preview();
+  make(true);
   EXPECT_EQ(item("setup")->text(), "Finish setup\u2026");
   // Written by another part of the application without a model change.
   rig.defaults.setBool(DefaultsKey::setupCompleted, true);
@@ -142,10 +133,8 @@ TEST_F(TrayMenuTest, TheItemsCallTheModelAndTheApplication) {
   rig.start();
   AppModel& model = make();
   rig.settle();  // the first status report and own-handles check
-  EXPECT_EQ(item("status")->text(), "Paused");
   choose("pause");
   EXPECT_FALSE(model.published().paused);
-  EXPECT_EQ(item("pause")->text(), "Pause syncing");
   // Resuming started a cycle; the status line follows it.
   ASSERT_EQ(rig.manualWorker.pending(), 1u);
   rig.settle();
@@ -157,7 +146,7 @@ TEST_F(TrayMenuTest, TheItemsCallTheModelAndTheApplication) {
 
   choose("pause");
   EXPECT_TRUE(model.published().paused);
-  EXPECT_EQ(item("pause")->text(), "Resume syncing");
+  EXPECT_EQ(item("status")->text(), "Paused");
 
   choose("setup");
   EXPECT_EQ(setupShown, 1);
