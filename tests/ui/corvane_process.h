@@ -19,15 +19,20 @@
 
 namespace corvane::testing {
 
+// Where the build put the executables and Info.plist.
+inline std::string binDir() {
+  const char* dir = std::getenv("CORVANE_TEST_BIN_DIR");
+  return dir ? dir : ".";
+}
+
 inline std::unique_ptr<ChildProcess> startCorvane(const TempDir& temp,
                                                   std::vector<std::string> args) {
   for (const char* folder : {"home", "run", "config", "data"}) {
     std::filesystem::create_directories(temp.file(folder));
   }
   ::chmod(temp.file("run").c_str(), 0700);
-  const char* dir = std::getenv("CORVANE_TEST_BIN_DIR");
   auto child = std::make_unique<ChildProcess>(
-      std::string(dir ? dir : ".") + "/Corvane", std::move(args),
+      binDir() + "/Corvane", std::move(args),
       std::vector<std::string>{"HOME=" + temp.file("home"), "XDG_RUNTIME_DIR=" + temp.file("run"),
                                "XDG_CONFIG_HOME=" + temp.file("config"),
                                "XDG_DATA_HOME=" + temp.file("data"), "QT_QPA_PLATFORM=offscreen",

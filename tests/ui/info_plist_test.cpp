@@ -6,19 +6,16 @@
 #include <gtest/gtest.h>
 
 #include <QXmlStreamReader>
-#include <cstdlib>
 #include <regex>
 
 #include "core/protocol/app_info.h"
 #include "tests/support/text_file.h"
+#include "tests/ui/corvane_process.h"
 
 namespace corvane {
 namespace {
 
-std::string binDir() {
-  const char* dir = std::getenv("CORVANE_TEST_BIN_DIR");
-  return dir ? dir : ".";
-}
+using testing::binDir;
 
 // The value element that follows <key>key</key>: "<true/>", a string's
 // text, or a whole array; empty when the key is missing.

@@ -22,8 +22,7 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 struct Coverage {
-  int transparent = 0;
-  int opaque = 0;
+  int transparent = 0, opaque = 0;
 };
 
 Coverage coverage(const QImage& image) {
