@@ -109,12 +109,12 @@ class DirectoryCacheTrace {
   std::int64_t pickChat() { return chats_[static_cast<std::size_t>(pick(static_cast<int>(chats_.size())))]; }
 
   std::optional<std::string> pickService() {
-    switch (pick(4)) {
-      case 0: return "iMessage";
-      case 1: return "SMS";
-      case 2: return "";
-      default: return std::nullopt;
-    }
+    const std::optional<std::string> services[] = {"iMessage", "SMS", "", std::nullopt};
+    return services[pick(4)];
+  }
+
+  std::size_t pickMessage() {
+    return static_cast<std::size_t>(pick(static_cast<int>(messages_.size())));
   }
 
   MessageSpec randomSpec() {
@@ -125,9 +125,14 @@ class DirectoryCacheTrace {
                        .service = pickService()};
   }
 
-  std::pair<std::string, Refresh> insert(std::int64_t chat, const std::string& what) {
-    const auto rowid = writer_->message(chat, randomSpec());
+  std::int64_t insert(std::int64_t chat, const MessageSpec& spec) {
+    const auto rowid = writer_->message(chat, spec);
     messages_.push_back({rowid, chat});
+    return rowid;
+  }
+
+  std::pair<std::string, Refresh> insert(std::int64_t chat, const std::string& what) {
+    insert(chat, randomSpec());
     return {what, Refresh::incremental};
   }
 
@@ -138,21 +143,18 @@ class DirectoryCacheTrace {
     } else {
       spec.itemType = 1 + pick(3);
     }
-    const auto chat = pickChat();
-    messages_.push_back({writer_->message(chat, spec), chat});
+    insert(pickChat(), spec);
     return "a reaction or a non-message item";
   }
 
   std::pair<std::string, Refresh> insertOddDate() {
-    const auto chat = pickChat();
     MessageSpec spec = randomSpec();
     switch (pick(3)) {
       case 0: spec.nullDate = true; break;
       case 1: spec.rawDate = (kNow - ChatDB::appleEpochMs) / 1000; break;  // seconds
       default: break;
     }
-    const auto rowid = writer_->message(chat, spec);
-    messages_.push_back({rowid, chat});
+    const auto rowid = insert(pickChat(), spec);
     if (pick(3) == 0) {
       // Written with a date SQLite keeps as a real number.
       writer_->db().run("UPDATE message SET date = ? WHERE ROWID = ?",
@@ -163,14 +165,13 @@ class DirectoryCacheTrace {
   }
 
   std::pair<std::string, Refresh> groupMessage() {
-    const auto rowid = writer_->message(groups_.front(), randomSpec());
-    messages_.push_back({rowid, groups_.front()});
+    insert(groups_.front(), randomSpec());
     return {"insert in a group chat", Refresh::incremental};
   }
 
   std::pair<std::string, Refresh> deleteMessage(bool withJoins) {
     if (messages_.empty()) return {"nothing", Refresh::unchanged};
-    const auto i = static_cast<std::size_t>(pick(static_cast<int>(messages_.size())));
+    const auto i = pickMessage();
     const auto [rowid, chat] = messages_[i];
     messages_.erase(messages_.begin() + static_cast<std::ptrdiff_t>(i));
     writer_->db().run("DELETE FROM message WHERE ROWID = ?", {rowid});
@@ -201,7 +202,7 @@ class DirectoryCacheTrace {
 
   std::pair<std::string, Refresh> unjoin() {
     if (messages_.empty()) return {"nothing", Refresh::unchanged};
-    const auto i = static_cast<std::size_t>(pick(static_cast<int>(messages_.size())));
+    const auto i = pickMessage();
     writer_->db().run("DELETE FROM chat_message_join WHERE message_id = ?", {messages_[i].first});
     messages_.erase(messages_.begin() + static_cast<std::ptrdiff_t>(i));
     return {"a message taken out of its chat", Refresh::full};
@@ -209,7 +210,7 @@ class DirectoryCacheTrace {
 
   std::pair<std::string, Refresh> joinOldMessage() {
     if (messages_.empty()) return {"nothing", Refresh::unchanged};
-    const auto [rowid, chat] = messages_[static_cast<std::size_t>(pick(static_cast<int>(messages_.size())))];
+    const auto [rowid, chat] = messages_[pickMessage()];
     const auto other = pickChat();
     if (other == chat || multiJoined_.contains(rowid)) return {"nothing", Refresh::unchanged};
     writer_->join(other, rowid);
@@ -268,16 +269,16 @@ class DirectoryCacheTest : public ::testing::Test {
  protected:
   DirectoryCacheTest() : builder(dir.file("chat.db")) {}
 
-  std::vector<DirectoryEntry> full() {
+  // The directory read in full, or through the cache.
+  std::vector<DirectoryEntry> read(bool throughCache) {
     ChatDB db(builder.path(), "US");
     const auto chats = db.oneToOneChats();
-    return db.buildDirectory(kNow - 30 * kDay, EmptyContactBook(), {}, &chats);
+    const auto since = kNow - 30 * kDay;
+    return throughCache ? cache.buildDirectory(builder.path(), since, EmptyContactBook(), {}, chats)
+                        : db.buildDirectory(since, EmptyContactBook(), {}, &chats);
   }
-  std::vector<DirectoryEntry> cached() {
-    ChatDB db(builder.path(), "US");
-    const auto chats = db.oneToOneChats();
-    return cache.buildDirectory(builder.path(), kNow - 30 * kDay, EmptyContactBook(), {}, chats);
-  }
+  std::vector<DirectoryEntry> full() { return read(false); }
+  std::vector<DirectoryEntry> cached() { return read(true); }
 
   TempDir dir;
   ChatDbBuilder builder;

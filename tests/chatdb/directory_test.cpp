@@ -132,11 +132,7 @@ TEST_F(DirectoryTest, BuildsOneEntryPerRecentCorrespondent) {
                                         .lastMessageAt = isoString(kNow - kDay),
                                         .lastFromMe = false,
                                         .messageCount = 3}));
-  EXPECT_EQ(entries[1], (DirectoryEntry{.handle = "sam@example.org",
-                                        .displayName = std::nullopt,
-                                        .firstName = std::nullopt,
-                                        .lastName = std::nullopt,
-                                        .nickname = std::nullopt,
+  EXPECT_EQ(entries[1], (DirectoryEntry{.handle = "sam@example.org",  // no names
                                         .service = "iMessage",
                                         .lastMessageAt = isoString(kNow - 5 * kDay),
                                         .lastFromMe = true,

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "core/chatdb/chat_db.h"
 #include "tools/chatdb-gen/chat_db_builder.h"
 #include "tests/support/temp_dir.h"
@@ -44,11 +46,8 @@ TEST(OwnHandlesFromValuesTest, NormalisesFiltersAndDeduplicates) {
 
 class OwnRowsTest : public ::testing::Test {
  protected:
-  explicit OwnRowsTest(ChatDbSchema schema = ChatDbSchema::full(),
-                       DateUnit unit = DateUnit::nanoseconds)
-      : builder(dir.file("chat.db"), std::move(schema), unit) {}
   TempDir dir;
-  ChatDbBuilder builder;
+  ChatDbBuilder builder{dir.file("chat.db")};
 };
 
 TEST_F(OwnRowsTest, OwnHandlesFromCallerIdThenAccount) {
@@ -72,33 +71,22 @@ TEST_F(OwnRowsTest, DetectOwnHandlesIsAbsentForAnUnreadableDatabase) {
   EXPECT_EQ(ChatDB::detectOwnHandles(builder.path(), "US", 180, kNow), std::vector<std::string>{});
 }
 
-class OwnRowsMinimalTest : public OwnRowsTest {
- protected:
-  static ChatDbSchema schema() {
-    ChatDbSchema s;
-    s.omitMessageColumns = {"destination_caller_id"};
-    return s;
+// Without the caller-id column the account is still read; dates are compared
+// raw, so a database with dates in seconds gives nothing.
+TEST(OwnRowsSchemaTest, OwnHandlesOfOlderSchemas) {
+  ChatDbSchema noCallerId;
+  noCallerId.omitMessageColumns = {"destination_caller_id"};
+  const std::tuple<ChatDbSchema, DateUnit, std::vector<std::string>> cases[] = {
+      {noCallerId, DateUnit::nanoseconds, {"me@example.org"}},
+      {ChatDbSchema::full(), DateUnit::seconds, {}},
+  };
+  for (const auto& [schema, unit, expected] : cases) {
+    TempDir dir;
+    ChatDbBuilder builder(dir.file("chat.db"), schema, unit);
+    builder.message(builder.oneToOne("+14155550199"),
+                    MessageSpec{.text = "a", .dateMs = kNow, .account = "E:me@example.org"});
+    EXPECT_EQ(ChatDB(builder.path(), "US").ownHandles(kNow - kDay, 20), expected);
   }
-  OwnRowsMinimalTest() : OwnRowsTest(schema()) {}
-};
-
-TEST_F(OwnRowsMinimalTest, WithoutCallerIdColumnStillReadsAccount) {
-  const auto chat = builder.oneToOne("+14155550199");
-  builder.message(chat, MessageSpec{.text = "a", .dateMs = kNow, .account = "E:me@example.org"});
-  ChatDB db(builder.path(), "US");
-  EXPECT_EQ(db.ownHandles(kNow - kDay, 20), std::vector<std::string>{"me@example.org"});
-}
-
-class SecondsDatesTest : public OwnRowsTest {
- protected:
-  SecondsDatesTest() : OwnRowsTest(ChatDbSchema::full(), DateUnit::seconds) {}
-};
-
-TEST_F(SecondsDatesTest, OwnHandlesCompareRawDatesSoSecondsDatabasesGiveNothing) {
-  const auto chat = builder.oneToOne("+14155550199");
-  builder.message(chat, MessageSpec{.text = "a", .dateMs = kNow, .account = "E:me@example.org"});
-  ChatDB db(builder.path(), "US");
-  EXPECT_TRUE(db.ownHandles(kNow - kDay, 20).empty());
 }
 
 TEST_F(OwnRowsTest, SelfRowsSkipReactionsEventsEmptyTextAndDuplicates) {

@@ -23,21 +23,12 @@ TEST(TypedStreamTest, RoundTripsEveryLengthForm) {
 }
 
 TEST(TypedStreamTest, EncodesTheExactArchiveLayout) {
-  const Bytes blob = encodeAttributedBody("hi");
-  Bytes expected = {0x04, 0x0B};
-  const auto add = [&](std::initializer_list<std::uint8_t> b) { expected.insert(expected.end(), b); };
-  const auto addText = [&](std::string_view s) { expected.insert(expected.end(), s.begin(), s.end()); };
-  addText("streamtyped");
-  add({0x81, 0xE8, 0x03, 0x84, 0x01, 0x40, 0x84, 0x84, 0x84, 0x12});
-  addText("NSAttributedString");
-  add({0x00, 0x84, 0x84, 0x08});
-  addText("NSObject");
-  add({0x00, 0x85, 0x92, 0x84, 0x84, 0x84, 0x08});
-  addText("NSString");
-  add({0x01, 0x94, 0x84, 0x01, 0x2B, 0x02});
-  addText("hi");
-  add({0x86, 0x84, 0x02, 0x69, 0x49, 0x01, 0x81, 0x00, 0x00, 0x92, 0x84, 0x84, 0x84});
-  EXPECT_EQ(blob, expected);
+  const std::string_view expected(
+      "\x04\x0B" "streamtyped" "\x81\xE8\x03\x84\x01\x40\x84\x84\x84\x12" "NSAttributedString"
+      "\x00\x84\x84\x08" "NSObject" "\x00\x85\x92\x84\x84\x84\x08" "NSString"
+      "\x01\x94\x84\x01\x2B\x02" "hi" "\x86\x84\x02\x69\x49\x01\x81\x00\x00\x92\x84\x84\x84",
+      89);
+  EXPECT_EQ(encodeAttributedBody("hi"), bytes(expected));
 }
 
 TEST(TypedStreamTest, MalformedBlobsNeverReadPastTheEnd) {
