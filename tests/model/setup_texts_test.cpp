@@ -49,12 +49,6 @@ TEST(SetupTextsTest, SkippedPermissionsAreTheOnesLeftOffAndUndecided) {
   }
 }
 
-TEST(SetupTextsTest, ServerHostDropsSchemeAndPort) {
-  EXPECT_EQ(SetupTexts::serverHost("https://example.test"), "example.test");
-  EXPECT_EQ(SetupTexts::serverHost("http://127.0.0.1:8787"), "127.0.0.1");
-  EXPECT_EQ(SetupTexts::serverHost("not a url"), "not a url");
-}
-
 TEST(SetupTextsTest, LinkConfirmationNamesTheAccountAndWarnsOfAnUnusualServer) {
   const std::string trustedHost = *ServerURL::trustedHosts().begin();
   const std::string trusted = "https://" + trustedHost;
