@@ -53,12 +53,6 @@ TEST(IsoStringTest, AgreesWithTheCLibraryCalendar) {
   }
 }
 
-}  // namespace
-}  // namespace corvane
-
-namespace corvane {
-namespace {
-
 TEST(ParseIsoStringTest, ReadsBackWhatIsoStringWrites) {
   for (const std::int64_t ms : {0LL, 1LL, -1LL, 951782400123LL /* 2000-02-29 */, 1700000000999LL,
                                 -62167219200000LL, 253402300799999LL}) {
