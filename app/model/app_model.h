@@ -155,7 +155,7 @@ class AppModel {
   static constexpr std::string_view cantReachText = "Can't reach Corvane \u2014 retrying";
   static constexpr std::string_view syncProblemText = "Sync problem \u2014 retrying";
 
-  // The timings of the Part that fixes them.
+  // Timings of the application, in seconds.
   static constexpr double tickSec = 30.0;
   static constexpr int ticksPerRefresh = 10;
   static constexpr double fullDiskPollSec = 2.0;

@@ -17,7 +17,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 class SQLValue {
  public:
-  enum class Kind { integer, real, text, blob, null };  // the spec's int, double, text, blob, null
+  enum class Kind { integer, real, text, blob, null };  // SQLite's storage classes
 
   SQLValue() = default;  // null
   SQLValue(std::nullptr_t) {}
