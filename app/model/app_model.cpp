@@ -150,15 +150,20 @@ void AppModel::update(Change&& change) {
 }
 
 template <class Result>
-void AppModel::offMain(std::function<Result()> work, std::function<void(Result)> done) {
+std::function<void(Result)> AppModel::onMain(std::function<void(Result)> done) {
   std::weak_ptr<Life> life = life_;
   MainScheduler& scheduler = s_.scheduler;
-  s_.worker.run([work = std::move(work), done = std::move(done), life, &scheduler]() mutable {
-    auto result = std::make_shared<Result>(work());
-    scheduler.post([life, done = std::move(done), result] {
-      if (life.lock()) done(std::move(*result));
+  return [life, &scheduler, done = std::move(done)](Result result) {
+    auto shared = std::make_shared<Result>(std::move(result));
+    scheduler.post([life, done, shared] {
+      if (life.lock()) done(std::move(*shared));
     });
-  });
+  };
+}
+
+template <class Result>
+void AppModel::offMain(std::function<Result()> work, std::function<void(Result)> done) {
+  s_.worker.run([work = std::move(work), back = onMain(std::move(done))] { back(work()); });
 }
 
 void AppModel::afterDelay(double seconds, std::function<void()> work) {
@@ -491,8 +496,7 @@ void AppModel::requestAutomation() {
 void AppModel::requestContacts() {
   if (options_.previewMode || p_.contactsBusy) return;
   update([&](Published& p) { p.contactsBusy = true; });
-  PermissionProbes& probes = s_.probes;
-  offMain<bool>([&probes] { return probes.requestContactsAccess(); }, [this](bool) {
+  s_.probes.requestContactsAccess(onMain<bool>([this](bool) {
     const PermissionState contacts = s_.probes.contactsAuthorization();
     update([&](Published& p) {
       p.contactsBusy = false;
@@ -503,7 +507,7 @@ void AppModel::requestContacts() {
     if (contacts == PermissionState::granted) {
       afterDelay(contactsAdvanceSec, [this] { advance(SetupStep::contacts); });
     }
-  });
+  }));
 }
 
 void AppModel::openPrivacyPane(std::string_view anchor) {

@@ -8,9 +8,10 @@
 // in (Services), so tests drive it with a virtual-time scheduler.
 //
 // Threads: construct, call and destroy it on the main thread only. Blocking
-// work (the sync cycle, network calls, the Automation and Contacts prompts,
-// reading own handles) runs on the BackgroundWorker; its results come back
-// through MainScheduler::post and are dropped once the model is gone.
+// work (the sync cycle, network calls, the Automation prompt, reading own
+// handles) runs on the BackgroundWorker; its results, and the Contacts
+// prompt's answer, come back through MainScheduler::post and are dropped
+// once the model is gone.
 #pragma once
 
 #include <cstdint>
@@ -254,8 +255,11 @@ class AppModel {
   void notify();
   void tick();
   void afterDelay(double seconds, std::function<void()> work);
-  // Runs `work` on the worker and `done` with its result on the main thread,
-  // unless the model is gone by then.
+  // A callback for any thread that runs `done` on the main thread, unless
+  // the model is gone by then.
+  template <class Result>
+  std::function<void(Result)> onMain(std::function<void(Result)> done);
+  // Runs `work` on the worker and `done` with its result on the main thread.
   template <class Result>
   void offMain(std::function<Result()> work, std::function<void(Result)> done);
 

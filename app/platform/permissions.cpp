@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <future>
 #include <memory>
 #include <utility>
 
@@ -143,12 +142,8 @@ PermissionState SystemPermissionProbes::contactsAuthorization() {
   return SystemContacts::authorization();
 }
 
-bool SystemPermissionProbes::requestContactsAccess() {
-  // The platform answers on a thread of its own, whenever the user decides.
-  auto answer = std::make_shared<std::promise<bool>>();
-  std::future<bool> granted = answer->get_future();
-  SystemContacts::requestAccess([answer](bool ok) { answer->set_value(ok); });
-  return granted.get();
+void SystemPermissionProbes::requestContactsAccess(std::function<void(bool granted)> answered) {
+  SystemContacts::requestAccess(std::move(answered));
 }
 
 void SystemPermissionProbes::openPrivacyPane(std::string_view anchor) {

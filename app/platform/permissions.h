@@ -94,9 +94,9 @@ class PermissionProbes {
   // Runs the probe script, which makes macOS ask the user once.
   virtual AutomationRequest requestAutomation() = 0;
   // Contacts access, never prompting; and the prompting request, which
-  // waits for the user's answer: call it off the main thread.
+  // returns at once and calls `answered` on any thread once the user decides.
   virtual PermissionState contactsAuthorization() = 0;
-  virtual bool requestContactsAccess() = 0;
+  virtual void requestContactsAccess(std::function<void(bool granted)> answered) = 0;
   // Opens a pane of `PrivacyPane`; nothing happens when the anchor makes no URL.
   virtual void openPrivacyPane(std::string_view anchor) = 0;
 
@@ -117,7 +117,7 @@ class SystemPermissionProbes final : public PermissionProbes {
   std::optional<PermissionState> automationPermission() override;
   AutomationRequest requestAutomation() override;
   PermissionState contactsAuthorization() override;
-  bool requestContactsAccess() override;
+  void requestContactsAccess(std::function<void(bool granted)> answered) override;
   void openPrivacyPane(std::string_view anchor) override;
 
  private:

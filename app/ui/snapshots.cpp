@@ -66,7 +66,7 @@ class NoProbes final : public PermissionProbes {
   std::optional<PermissionState> automationPermission() override { return std::nullopt; }
   AutomationRequest requestAutomation() override { return {}; }
   PermissionState contactsAuthorization() override { return PermissionState::unknown; }
-  bool requestContactsAccess() override { return false; }
+  void requestContactsAccess(std::function<void(bool)>) override {}
   void openPrivacyPane(std::string_view) override {}
 };
 

@@ -53,10 +53,11 @@ class FakeProbes final : public PermissionProbes {
     return automationRequestAnswer;
   }
   PermissionState contactsAuthorization() override { return contacts; }
-  bool requestContactsAccess() override {
+  // Answers at once, as the platform does when the user has decided before.
+  void requestContactsAccess(std::function<void(bool)> answered) override {
     ++contactsRequests;
     contacts = contactsAfterRequest;
-    return contacts == PermissionState::granted;
+    answered(contacts == PermissionState::granted);
   }
   void openPrivacyPane(std::string_view anchor) override { panes.emplace_back(anchor); }
 };
