@@ -34,8 +34,11 @@ void bind(sqlite3* db, sqlite3_stmt* stmt, int pos, const SQLValue& v) {
       rc = sqlite3_bind_text(stmt, pos, v.textIf()->c_str(), -1, SQLITE_TRANSIENT);
       break;
     case SQLValue::Kind::blob: {
+      // An empty span has no data pointer, which SQLite would bind as NULL.
       const auto bytes = *v.data();
-      rc = sqlite3_bind_blob64(stmt, pos, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
+      rc = bytes.empty()
+               ? sqlite3_bind_zeroblob(stmt, pos, 0)
+               : sqlite3_bind_blob64(stmt, pos, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
       break;
     }
     case SQLValue::Kind::null:

@@ -98,13 +98,16 @@ class SQLiteDBTest : public ::testing::Test {
 };
 
 TEST_F(SQLiteDBTest, RoundTripsEveryStorageClassThroughBoundParameters) {
-  db.exec("CREATE TABLE t (a, b, c, d, e)");
+  db.exec("CREATE TABLE t (a, b, c, d, e, f)");
   const std::vector<SQLValue> values = {SQLValue(std::numeric_limits<std::int64_t>::min()),
-                                        SQLValue(2.5), SQLValue("x'); DROP TABLE t; --"),
-                                        SQLValue(Bytes{0, 1, 2}), SQLValue()};
-  EXPECT_EQ(db.run("INSERT INTO t VALUES (?, ?, ?, ?, ?)", values), 1);
-  EXPECT_EQ(db.run("INSERT INTO t VALUES (?, ?, ?, ?, ?)", values), 2);
-  const auto rows = db.query("SELECT a, b, c, d, e FROM t WHERE c = ?", {values[2]});
+                                        SQLValue(2.5),
+                                        SQLValue("x'); DROP TABLE t; --"),
+                                        SQLValue(Bytes{0, 1, 2}),
+                                        SQLValue(Bytes{}),
+                                        SQLValue()};
+  EXPECT_EQ(db.run("INSERT INTO t VALUES (?, ?, ?, ?, ?, ?)", values), 1);
+  EXPECT_EQ(db.run("INSERT INTO t VALUES (?, ?, ?, ?, ?, ?)", values), 2);
+  const auto rows = db.query("SELECT a, b, c, d, e, f FROM t WHERE c = ?", {values[2]});
   ASSERT_EQ(rows.size(), 2u);
   for (std::size_t i = 0; i < values.size(); ++i) EXPECT_EQ(rows[0].at(i), values[i]) << i;
   EXPECT_EQ(rows[1]["c"], values[2]);
