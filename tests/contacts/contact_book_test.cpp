@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "core/contacts/handle_index.h"
+
 namespace corvane {
 namespace {
 
@@ -59,9 +61,6 @@ TEST(IndexedContactBookTest, NumberOnTwoCardsNamesTheFirst) {
 }
 
 TEST(IndexedContactBookTest, FindsNumbersStoredInOtherForms) {
-  const IndexedContactBook us({card("Alex", {"(415) 555-0100"})}, "US");
-  EXPECT_EQ(displayNameFor(us, "+14155550100"), "Alex");
-
   // Read as a British number it becomes +444155550100; it still meets on its last ten digits.
   const IndexedContactBook gb({card("Alex", {"415-555-0100"})}, "GB");
   EXPECT_EQ(displayNameFor(gb, "+14155550100"), "Alex");
@@ -85,6 +84,38 @@ TEST(IndexedContactBookTest, CountsDistinctHandlesAndSkipsUnusableValues) {
                                 "US");
   EXPECT_EQ(book.count(), 2u);
   EXPECT_EQ(displayNameFor(book, "12"), std::nullopt);
+}
+
+TEST(HandleIndexTest, ExactKeysWinOverLastTenDigitsAndTheFirstValueWins) {
+  HandleIndex<std::string> index;
+  index.set("+14155550100", "A");
+  index.set("4155550100", "B");
+  index.set("+14155550100", "C");
+  index.set("+444155550100", "D");  // same last ten digits, new exact key
+
+  EXPECT_EQ(index.get("4155550100"), "B");
+  EXPECT_EQ(index.get("+14155550100"), "A");
+  EXPECT_EQ(index.get("+444155550100"), "D");
+  EXPECT_EQ(index.get("(415) 555-0100"), "A");
+  EXPECT_EQ(index.count(), 3u);
+}
+
+TEST(HandleIndexTest, EmailAddressesAndShortNumbersMatchOnlyExactly) {
+  HandleIndex<int> index;
+  index.set("4155550100@example.com", 1);
+  index.set("alex@example.org", 2);
+  index.set("123456", 3);
+
+  EXPECT_EQ(index.get("4155550100@example.com"), 1);
+  EXPECT_EQ(index.get("+14155550100"), std::nullopt);
+  EXPECT_EQ(index.get("14155550100@example.com"), std::nullopt);
+  EXPECT_EQ(index.get("Alex@example.org"), std::nullopt);
+  EXPECT_EQ(index.get("123456"), 3);
+  EXPECT_EQ(index.get("0123456"), std::nullopt);
+  EXPECT_EQ(index.get("+123456"), std::nullopt);
+
+  index.set("+14155550100", 4);
+  EXPECT_EQ(index.get("9994155550100@example.com"), std::nullopt);
 }
 
 }  // namespace

@@ -43,26 +43,20 @@ void expectNormalizes(std::initializer_list<NormalizeCase> cases,
 TEST(PhoneNormalizeTest, NorthAmericanNumbers) {
   expectNormalizes({
       {" tel:+1 (415) 555-0100 ", "US", "+14155550100"},
-      {"(415) 555-0100", "US", "+14155550100"},
       {"14155550100", "US", "+14155550100"},
       {"415\u00A0555\u00A00100", "US", "+14155550100"},
-      {"iMessage:+1 415 555 0100", "US", "+14155550100"},
       {"4155550100", "CA", "+14155550100"},
       // Not placeable as a ten-digit national number: bare digits, no "+".
       {"0155550100", "US", "0155550100"},
       {"1415555010", "US", "1415555010"},
       {"24155550100", "US", "24155550100"},
-      {"441234567890", "US", "441234567890"},
   });
 }
 
 TEST(PhoneNormalizeTest, ShortCodesStayBareDigits) {
   expectNormalizes({
-      {"72404", "US", "72404"},
       {"*611#", "US", "611"},
-      {"12345", "US", "12345"},
       {"12345", "DE", "12345"},
-      {"22395", "GB", "22395"},
       {"123456", "DE", "123456"},
   });
 }
@@ -70,13 +64,9 @@ TEST(PhoneNormalizeTest, ShortCodesStayBareDigits) {
 TEST(PhoneNormalizeTest, NationalNumbersGainTheCountryCode) {
   expectNormalizes({
       {"0612345678", "FR", "+33612345678"},
-      {"07700 900123", "GB", "+447700900123"},
-      {"030 1234567", "DE", "+49301234567"},
-      {"0412 345 678", "AU", "+61412345678"},
       {"090-1234-5678", "JP", "+819012345678"},
       {"(0)20 7946 0000", "GB", "+442079460000"},
-      // Italy keeps the trunk zero after the country code.
-      {"0612345678", "IT", "+390612345678"},
+      // Italy keeps the trunk zero after the country code; regions in any case.
       {"06 1234 5678", "it", "+390612345678"},
       // A national part of 6 to 13 digits, from at least 7 digits in all.
       {"0123456", "DE", "+49123456"},
@@ -100,7 +90,6 @@ TEST(PhoneNormalizeTest, RegionsOutsideTheTableReadNumbersAsNorthAmerican) {
 TEST(PhoneNormalizeTest, InternationalForms) {
   expectNormalizes({
       {"0044 20 7946 0000", "FR", "+442079460000"},
-      {"0033 6 12 34 56 78", "US", "+33612345678"},
       {"\u00A0+44 20 7946 0000\u2028", "FR", "+442079460000"},
       {"SMS:+447700900123", "US", "+447700900123"},
       {"tel:+33 (0)6 12 34 56 78", "US", "+330612345678"},
@@ -117,7 +106,6 @@ TEST(PhoneNormalizeTest, InternationalForms) {
 
 TEST(PhoneNormalizeTest, EmailAddressesAreLowerCasedAndTrimmed) {
   expectNormalizes({
-      {"Alex@Example.ORG ", std::nullopt, "alex@example.org"},
       {"MAILTO: Alex@Example.org ", std::nullopt, "alex@example.org"},
       {"mailto:\u00A0Bob@X.io", "US", "bob@x.io"},
       {"imessage:alex@icloud.com", std::nullopt, "alex@icloud.com"},
@@ -134,14 +122,11 @@ TEST(PhoneNormalizeTest, EmailAddressesAreLowerCasedAndTrimmed) {
 TEST(PhoneNormalizeTest, RejectsWhatIsNoHandle) {
   expectNormalizes({
       {std::nullopt, "US", std::nullopt},
-      {"", "US", std::nullopt},
       {" \n\t\u00A0", "US", std::nullopt},
       {"tel:", "US", std::nullopt},
-      {"urn:biz:123", std::nullopt, std::nullopt},
       {"URN:biz:123", std::nullopt, std::nullopt},
       {"tel:urn:x-id:4155550100", "US", std::nullopt},
       {"12", "US", std::nullopt},
-      {"+12", "US", std::nullopt},
       {"call me", "US", std::nullopt},
       // Two digits in four bytes.
       {"+\u0669\u0667", "AE", std::nullopt},
@@ -178,8 +163,6 @@ TEST(PhoneLast10Test, TakesTheLastTenDigitsOfNumbersWithAtLeastSeven) {
       "\u0660\u0661\u0662\u0663\u0664\u0665\u0666\u0667\u0668\u0669\u0660\u0661";
   const std::pair<std::string, std::optional<std::string>> cases[] = {
       {"+1 (415) 555-0100", "4155550100"},
-      {"+44 20 7946 0000", "2079460000"},
-      {"4155550100", "4155550100"},
       {"1234567", "1234567"},
       {"123456", std::nullopt},
       {"alex@example.org", std::nullopt},
@@ -191,7 +174,6 @@ TEST(PhoneLast10Test, TakesTheLastTenDigitsOfNumbersWithAtLeastSeven) {
 TEST(PhoneSameTest, MatchesEqualHandlesAndPhoneNumbersOnTheirLastTenDigits) {
   const std::tuple<std::string, std::string, bool> cases[] = {
       {"+14155550100", "4155550100", true},
-      {"+14155550100", "(415) 555-0100", true},
       {"+442079460000", "02079460000", true},
       {"1234567", "+1234567", true},
       {"a@b.c", "a@b.c", true},
@@ -212,14 +194,11 @@ TEST(PhoneRegionFromLocaleTest, FindsTheRegionOfAnIdentifier) {
       {"en_GB", "GB"},
       {"zh-Hant-TW", "TW"},
       {"en_us", "US"},
-      {" en_AU \n", "AU"},
       {"de_DE@euro", "DE"},
       {"en_US@rg=gbzzzz", "GB"},
-      {"en_US@rg=dezzzz", "DE"},
       {"en_US@RG=FRZZZZ", "FR"},
       // An override that is not two letters falls back to the identifier.
       {"en_US@rg=1zzz", "US"},
-      {"en_US@rg=d", "US"},
       {"es_419_MX", "MX"},
       // The language is never a region, however it looks.
       {"en", std::nullopt},
@@ -227,7 +206,6 @@ TEST(PhoneRegionFromLocaleTest, FindsTheRegionOfAnIdentifier) {
       {"es-419", std::nullopt},
       {"en_USA", std::nullopt},
       {"x_\u00C9\u00C9", std::nullopt},
-      {"", std::nullopt},
       {std::nullopt, std::nullopt},
   };
   for (const auto& [identifier, expected] : cases) {
@@ -238,7 +216,6 @@ TEST(PhoneRegionFromLocaleTest, FindsTheRegionOfAnIdentifier) {
 TEST(PhonePosixLocaleRegionTest, ReadsTheLocaleTheCLibraryWouldUse) {
   const std::pair<Vars, std::optional<std::string>> cases[] = {
       {{{"LANG", "en_GB.UTF-8"}}, "GB"},
-      {{{"LANG", "de_DE.utf8"}}, "DE"},
       {{{"LANG", "sr_RS.UTF-8@latin"}}, "RS"},
       {{{"LANG", "en_US.UTF-8@rg=gbzzzz"}}, "GB"},
       {{{"LC_MESSAGES", "fr_CA.UTF-8"}, {"LANG", "en_US.UTF-8"}}, "CA"},
@@ -262,7 +239,6 @@ TEST(PhoneDetectRegionTest, PrefersTheVariableThenTheLocaleThenUS) {
       {{{"QUODDLE_REGION", ""}}, "fr", "FR"},
       {{{"QUODDLE_REGION", "d"}}, std::nullopt, "US"},
       {{}, "419", "US"},
-      {{}, "", "US"},
       {{}, std::nullopt, "US"},
   };
   for (const auto& [vars, localeRegion, expected] : cases) {

@@ -8,15 +8,12 @@ namespace corvane {
 namespace {
 
 TEST(SystemContactsTest, MapsPlatformStatusesToPermissions) {
-  const struct {
-    long status;
-    PermissionState expected;
-  } cases[] = {
+  const std::pair<long, PermissionState> cases[] = {
       {0, PermissionState::unknown}, {1, PermissionState::denied},  {2, PermissionState::denied},
       {3, PermissionState::granted}, {4, PermissionState::granted}, {-1, PermissionState::unknown},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(SystemContacts::permissionFromStatus(c.status), c.expected) << c.status;
+  for (const auto& [status, expected] : cases) {
+    EXPECT_EQ(SystemContacts::permissionFromStatus(status), expected) << status;
   }
 }
 

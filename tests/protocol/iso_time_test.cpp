@@ -9,21 +9,8 @@ namespace corvane {
 namespace {
 
 TEST(IsoStringTest, FormatsUTCWithMilliseconds) {
-  struct Case {
-    std::int64_t ms;
-    const char* expected;
-  };
-  const Case cases[] = {
-      {0, "1970-01-01T00:00:00.000Z"},
-      {-1, "1969-12-31T23:59:59.999Z"},
-      {-1000, "1969-12-31T23:59:59.000Z"},
-      {-1001, "1969-12-31T23:59:58.999Z"},
-      {1700000000123, "2023-11-14T22:13:20.123Z"},
-      {978307200000, "2001-01-01T00:00:00.000Z"},
-      {951782400000, "2000-02-29T00:00:00.000Z"},
-      {253402300799999, "9999-12-31T23:59:59.999Z"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(isoString(c.ms), c.expected) << c.ms;
+  EXPECT_EQ(isoString(-1001), "1969-12-31T23:59:58.999Z");
+  EXPECT_EQ(isoString(1700000000123), "2023-11-14T22:13:20.123Z");
 }
 
 // Dates are formatted by arithmetic; the C library's calendar is the
@@ -45,7 +32,8 @@ TEST(IsoStringTest, AgreesWithTheCLibraryCalendar) {
   constexpr std::int64_t kLast = 253402300799999;   // 9999-12-31T23:59:59.999Z
   const std::int64_t edges[] = {kFirst,        kFirst + 1,    kFirst - 1,     kLast,
                                 kLast - 1,     kLast + 1,     -2208988800001, 951868799999,
-                                4107542400000, 4107456000000, -86400000,      86399999};
+                                4107542400000, 4107456000000, -86400000,      86399999,
+                                -1,            -1000,         0,              951782400000};
   for (const std::int64_t ms : edges) EXPECT_EQ(isoString(ms), reference(ms)) << ms;
   // About every 37 days and an odd number of milliseconds, over all ten millennia.
   for (std::int64_t ms = kFirst; ms <= kLast; ms += 3196801237) {

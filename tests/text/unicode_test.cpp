@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
+
+#include "core/text/letters.h"
 
 namespace corvane {
 namespace {
@@ -12,12 +16,7 @@ const std::string kFlag = "\U0001F1E9\U0001F1EA";                         // 4 u
 const std::string kEAcute = "e\u0301";                                    // 2 units, one character
 
 TEST(ClipUTF16Test, NeverSplitsACharacter) {
-  struct Case {
-    std::string input;
-    std::size_t max;
-    std::string expected;
-  };
-  const Case cases[] = {
+  const std::tuple<std::string, std::size_t, std::string> cases[] = {
       {"hello", 5, "hello"},
       {"hello", 3, "hel"},
       {"", 0, ""},
@@ -31,18 +30,13 @@ TEST(ClipUTF16Test, NeverSplitsACharacter) {
       {"\u00e9\u00e9\u00e9", 2, "\u00e9\u00e9"},  // 2-byte letters count one unit each
       {"ab\xff\xfe" "cd", 3, "ab\xff"},  // invalid bytes give a prefix of the input
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(clipUTF16(c.input, c.max), c.expected) << c.input << " / " << c.max;
+  for (const auto& [input, max, expected] : cases) {
+    EXPECT_EQ(clipUTF16(input, max), expected) << input << " / " << max;
   }
 }
 
 TEST(UTF8Test, ValidationAndRepair) {
-  struct Case {
-    std::string input;
-    bool valid;
-    std::string repaired;
-  };
-  const Case cases[] = {
+  const std::tuple<std::string, bool, std::string> cases[] = {
       {"plain", true, "plain"},
       {"\u00e9\U0001F600", true, "\u00e9\U0001F600"},
       {"a\xc3", false, "a\uFFFD"},                       // truncated sequence
@@ -52,10 +46,10 @@ TEST(UTF8Test, ValidationAndRepair) {
       {"\xe2\x82x", false, "\uFFFDx"},                   // maximal subpart is one U+FFFD
       {std::string("a\0b", 3), true, std::string("a\0b", 3)},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(isValidUTF8(c.input), c.valid) << c.input;
-    EXPECT_EQ(repairUTF8(c.input), c.repaired) << c.input;
-    EXPECT_TRUE(isValidUTF8(repairUTF8(c.input)));
+  for (const auto& [input, valid, repaired] : cases) {
+    EXPECT_EQ(isValidUTF8(input), valid) << input;
+    EXPECT_EQ(repairUTF8(input), repaired) << input;
+    EXPECT_TRUE(isValidUTF8(repaired));
   }
 }
 
@@ -90,13 +84,37 @@ TEST(TrimTest, RemovesUnicodeSpacesAndLineBreaksOnly) {
   for (const auto& [input, expected] : cases) EXPECT_EQ(trimWhitespace(input), expected) << input;
 }
 
-TEST(TextTest, LowercasingAndDigits) {
-  EXPECT_EQ(lowercased("IMAGE/PNG \u00c9T\u00c9"), "image/png \u00e9t\u00e9");
-  EXPECT_TRUE(isDecimalDigit(U'7'));
-  EXPECT_TRUE(isDecimalDigit(U'\u0663'));  // Arabic-Indic three
-  EXPECT_TRUE(isDecimalDigit(U'\uFF15'));  // full-width five
-  EXPECT_FALSE(isDecimalDigit(U'\u00BD'));  // vulgar fraction is a number, not a digit
-  EXPECT_FALSE(isDecimalDigit(U'a'));
+TEST(LettersTest, UppercasesCodePointByCodePoint) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"en_us", "EN_US"},
+      {"\u00E9lise", "\u00C9LISE"},
+      {"\u017Fe", "SE"},     // long s upper-cases to an ASCII letter
+      {"\u01C6", "\u01C4"},  // one code point stays one code point
+      {"a\xFF" "b", "A\xFF" "B"},  // invalid bytes survive untouched
+      {"", ""},
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(uppercased(input), expected) << input;
+}
+
+TEST(LettersTest, RecognisesLettersOfAnyScript) {
+  for (const char32_t c : {U'a', U'Z', U'\u00E9', U'\u0436', U'\u4E2D', U'\u02B0', U'\u216B'}) {
+    EXPECT_TRUE(isLetter(c)) << static_cast<unsigned>(c);
+  }
+  for (const char32_t c :
+       {U'1', U'\u0663', U'_', U'@', U' ', U'\u0301', U'\u00BD', U'\U0001F600'}) {
+    EXPECT_FALSE(isLetter(c)) << static_cast<unsigned>(c);
+  }
+}
+
+// Foundation's alphanumerics: letters, marks and numbers.
+TEST(LettersTest, AlphanumericsAreLettersMarksAndNumbersOfAnyScript) {
+  for (const char32_t c :
+       {U'a', U'Z', U'0', U'\u00E9', U'\u4E2D', U'\u0301', U'\u0663', U'\u00BD'}) {
+    EXPECT_TRUE(isAlphanumeric(c)) << static_cast<unsigned>(c);
+  }
+  for (const char32_t c : {U'_', U'-', U' ', U'\u00A0', U'\uFFFD', U'\U0001F600'}) {
+    EXPECT_FALSE(isAlphanumeric(c)) << static_cast<unsigned>(c);
+  }
 }
 
 }  // namespace
