@@ -46,7 +46,7 @@ class DirectoryCacheTrace {
     if (kind < 80) return unjoin();
     if (kind < 84) return joinOldMessage();
     if (kind < 88) return insertOddDate();
-    if (kind < 92) return groupMessage();
+    if (kind < 92) return insert(groups_.front(), "insert in a group chat");
     if (!wal_) return replace();
     return insert(pickChat(), "insert in an existing chat");
   }
@@ -162,11 +162,6 @@ class DirectoryCacheTrace {
                          rowid});
     }
     return {"insert with an odd date", Refresh::incremental};
-  }
-
-  std::pair<std::string, Refresh> groupMessage() {
-    insert(groups_.front(), randomSpec());
-    return {"insert in a group chat", Refresh::incremental};
   }
 
   std::pair<std::string, Refresh> deleteMessage(bool withJoins) {

