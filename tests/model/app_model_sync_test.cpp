@@ -77,8 +77,6 @@ TEST(AppModelSyncTest, EachFailurePublishesItsChangeAndNaps) {
       {"other database error", error(ChatDB::OpenError::other("chat.db is damaged.")),
        SyncPhase::error("chat.db is damaged.")},
       {"network", error(APIError::network("offline")), SyncPhase::error(cantReach)},
-      {"408", error(APIError::http(408, "late")), SyncPhase::error(cantReach)},
-      {"429", error(APIError::http(429, "busy")), SyncPhase::error(cantReach)},
       {"502", error(APIError::http(502, "gateway")), SyncPhase::error(cantReach)},
       {"400", error(APIError::http(400, "bad")), SyncPhase::error(problem)},
       {"SQLite", error(SQLiteError(11, "malformed")), SyncPhase::error(problem)},
@@ -180,7 +178,7 @@ TEST(AppModelSyncTest, PauseStopsBetweenTwoSendsAndResumeCarriesOn) {
 // another account must never write its state into the new account's file.
 TEST(AppModelSyncTest, ACycleOfAReplacedAccountNeverSavesIntoTheNewOne) {
   AppModelRig rig;
-  testing::ThreadWorkerForRig threads(rig);
+  rig.useThreads();
   rig.pairedBefore("tok-old");
   std::promise<void> reachedSend, release;
   auto released = release.get_future().share();
@@ -199,10 +197,10 @@ TEST(AppModelSyncTest, ACycleOfAReplacedAccountNeverSavesIntoTheNewOne) {
   reachedSend.get_future().wait();
 
   rig.model().pair("NEWCODE1", rig.server);
-  threads.pumpUntil([&] { return rig.published().pairing.kind == PairingState::Kind::success; });
+  rig.pumpUntil([&] { return rig.published().pairing.kind == PairingState::Kind::success; });
   release.set_value();
   // The new account's first cycle runs once the old one has given up.
-  threads.pumpUntil([&] { return rig.published().lastSyncAt.has_value(); });
+  rig.pumpUntil([&] { return rig.published().lastSyncAt.has_value(); });
   const std::string state = testing::readFile(rig.options.stateDir / "state.json");
   EXPECT_EQ(state.find("old-1"), std::string::npos) << state;
   EXPECT_NE(state.find("lastSyncAt"), std::string::npos) << state;
@@ -210,7 +208,7 @@ TEST(AppModelSyncTest, ACycleOfAReplacedAccountNeverSavesIntoTheNewOne) {
 
 TEST(AppModelSyncTest, AModelGoneWhileItsCycleRunsGetsNoCallback) {
   AppModelRig rig;
-  testing::ThreadWorkerForRig threads(rig);
+  rig.useThreads();
   rig.pairedBefore();
   std::promise<void> inCycle, release;
   auto released = release.get_future().share();
@@ -227,7 +225,7 @@ TEST(AppModelSyncTest, AModelGoneWhileItsCycleRunsGetsNoCallback) {
   inCycle.get_future().wait();
   rig.destroy();
   release.set_value();
-  threads.joinAll();
+  rig.joinThreads();
   rig.scheduler.runPending();  // the cycle's result arrives for nobody
   EXPECT_EQ(rig.scheduler.timerCount(), 0u);
 }

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <thread>
@@ -71,8 +72,6 @@ class FakeLoginItem final : public LoginItem {
   bool isEnabled() override { return enabled; }
   std::optional<std::string> registerItem() override { return change(true, registers); }
   std::optional<std::string> unregisterItem() override { return change(false, unregisters); }
-
- private:
   std::optional<std::string> change(bool on, int& count) {
     ++count;
     if (!failure) enabled = on;
@@ -90,10 +89,7 @@ class FakeRelocator final : public Relocator {
 
   std::optional<std::filesystem::path> bundlePath() override { return bundle; }
   bool isInApplications() override { return inApplications; }
-  std::optional<std::string> moveToApplications() override {
-    ++moves;
-    return moveFailure;
-  }
+  std::optional<std::string> moveToApplications() override { ++moves; return moveFailure; }
   void relaunch(const std::filesystem::path& path) override { relaunched.push_back(path); }
 };
 
@@ -179,7 +175,6 @@ class AppModelRig {
     return *model_;
   }
   const AppModel::Published& published() { return model().published(); }
-
   void start() { model().start(); }
   // Paired before, started, and the first cycle and report done.
   void startPaired() {
@@ -188,6 +183,32 @@ class AppModelRig {
     settle();
   }
   void destroy() { model_.reset(); }
+
+  // Real worker threads instead of the manual worker, for races and for
+  // ThreadSanitizer; call before the model is made.
+  void useThreads() {
+    threads_ = std::make_unique<ThreadWorker>();
+    worker = threads_.get();
+  }
+  // Destroys the model, then waits for every job to end.
+  void joinThreads() {
+    destroy();
+    threads_.reset();
+  }
+  // Runs what the threads post to the main thread until `done` holds; fails
+  // the test after a generous deadline instead of hanging.
+  template <class Done>
+  void pumpUntil(Done done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!done()) {
+      scheduler.runPending();
+      if (std::chrono::steady_clock::now() > deadline) {
+        ADD_FAILURE() << "gave up waiting";
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
 
   // Runs worker jobs and everything they post until nothing is left.
   void settle() {
@@ -204,17 +225,14 @@ class AppModelRig {
   // Calls of `kind` over every client made so far.
   int calls(FakeAgentAPI::Call kind) const {
     int n = 0;
-    for (const auto& m : made()) {
-      for (const auto c : m.api->calls) n += c == kind ? 1 : 0;
-    }
+    for (const auto& m : made()) n += std::count(m.api->calls.begin(), m.api->calls.end(), kind);
     return n;
   }
   // Every pairing request sent, as "server code".
   std::vector<std::string> pairings() const {
     std::vector<std::string> all;
-    for (const auto& m : made()) {
+    for (const auto& m : made())
       for (const auto& r : m.api->pairs) all.push_back(m.server + " " + r.code);
-    }
     return all;
   }
   std::vector<AgentStatusRequest> statuses() const {
@@ -235,44 +253,9 @@ class AppModelRig {
 
   mutable std::mutex mutex_;
   std::vector<MadeAPI> made_;
-  std::unique_ptr<AppModel> model_;
-};
-
-// Runs the rig's model with real worker threads (for races and for
-// ThreadSanitizer). Declare it right after the rig, before the model is made;
-// it destroys the model before joining the threads.
-class ThreadWorkerForRig {
- public:
-  explicit ThreadWorkerForRig(AppModelRig& rig)
-      : rig_(rig), threads_(std::make_unique<ThreadWorker>()) {
-    rig.worker = threads_.get();
-  }
-  ~ThreadWorkerForRig() { joinAll(); }
-
-  // Destroys the model, then waits for every job to end.
-  void joinAll() {
-    rig_.destroy();
-    threads_.reset();
-  }
-
-  // Runs what the threads post to the main thread until `done` holds; fails
-  // the test after a generous deadline instead of hanging.
-  template <class Done>
-  void pumpUntil(Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done()) {
-      rig_.scheduler.runPending();
-      if (std::chrono::steady_clock::now() > deadline) {
-        ADD_FAILURE() << "gave up waiting";
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-  }
-
- private:
-  AppModelRig& rig_;
+  // Joined after the model is gone, while what the jobs use is still there.
   std::unique_ptr<ThreadWorker> threads_;
+  std::unique_ptr<AppModel> model_;
 };
 
 }  // namespace corvane::testing

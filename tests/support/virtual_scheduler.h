@@ -10,7 +10,9 @@
 // everything else belongs to the test's thread.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -30,16 +32,59 @@ class VirtualScheduler final : public MainScheduler {
     return [this] { return nowMs_.load(); };
   }
 
-  void post(std::function<void()> work) override;
-  TimerId after(double seconds, std::function<void()> work) override;
-  TimerId every(double seconds, std::function<void()> work) override;
-  void cancel(TimerId timer) override;
+  void post(std::function<void()> work) override {
+    std::lock_guard lock(postedMutex_);
+    posted_.push_back(std::move(work));
+  }
+  TimerId after(double seconds, std::function<void()> work) override {
+    timers_[next_] = {nowMs_ + toMs(seconds), 0, std::move(work)};
+    return next_++;
+  }
+  TimerId every(double seconds, std::function<void()> work) override {
+    const std::int64_t period = std::max<std::int64_t>(1, toMs(seconds));
+    timers_[next_] = {nowMs_ + period, period, std::move(work)};
+    return next_++;
+  }
+  void cancel(TimerId timer) override { timers_.erase(timer); }
 
   // Runs posted work (and work that work posts) until none is left.
-  void runPending();
+  void runPending() {
+    for (;;) {
+      std::function<void()> work;
+      {
+        std::lock_guard lock(postedMutex_);
+        if (posted_.empty()) return;
+        work = std::move(posted_.front());
+        posted_.pop_front();
+      }
+      work();
+    }
+  }
+
   // Moves time forward by `seconds`, running posted work and each timer
   // that comes due on the way.
-  void advance(double seconds);
+  void advance(double seconds) {
+    const std::int64_t endMs = nowMs_ + toMs(seconds);
+    runPending();
+    for (;;) {
+      // The earliest due timer; ties go to the one scheduled first.
+      const auto due = std::min_element(timers_.begin(), timers_.end(), [](auto& a, auto& b) {
+        return a.second.dueMs < b.second.dueMs;
+      });
+      if (due == timers_.end() || due->second.dueMs > endMs) break;
+      nowMs_ = std::max(nowMs_.load(), due->second.dueMs);
+      std::function<void()> work = due->second.work;
+      if (due->second.periodMs > 0) {
+        due->second.dueMs += due->second.periodMs;
+      } else {
+        timers_.erase(due);
+      }
+      work();
+      runPending();
+    }
+    nowMs_ = endMs;
+  }
+
   // Timers still scheduled.
   std::size_t timerCount() const { return timers_.size(); }
 
@@ -49,7 +94,9 @@ class VirtualScheduler final : public MainScheduler {
     std::int64_t periodMs = 0;  // 0: one-shot
     std::function<void()> work;
   };
-  static std::int64_t toMs(double seconds);
+  static std::int64_t toMs(double seconds) {
+    return static_cast<std::int64_t>(std::llround(std::max(0.0, seconds) * 1000.0));
+  }
 
   // Read by cycles on worker threads in race tests.
   std::atomic<std::int64_t> nowMs_;
@@ -64,7 +111,13 @@ class ManualWorker final : public BackgroundWorker {
   void run(std::function<void()> work) override { jobs_.push_back(std::move(work)); }
   std::size_t pending() const { return jobs_.size(); }
   // Runs the oldest job; false when there is none.
-  bool runOne();
+  bool runOne() {
+    if (jobs_.empty()) return false;
+    auto job = std::move(jobs_.front());
+    jobs_.pop_front();
+    job();
+    return true;
+  }
 
  private:
   std::deque<std::function<void()>> jobs_;
