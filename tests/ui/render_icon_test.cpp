@@ -22,16 +22,18 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 struct Coverage {
-  int transparent = 0, opaque = 0;
+  int transparent = 0, faint = 0, opaque = 0, coloured = 0;  // faint: alpha < 128
 };
 
 Coverage coverage(const QImage& image) {
   Coverage c;
   for (int y = 0; y < image.height(); ++y) {
     for (int x = 0; x < image.width(); ++x) {
-      const int alpha = qAlpha(image.pixel(x, y));
-      if (alpha == 0) ++c.transparent;
-      if (alpha == 255) ++c.opaque;
+      const QRgb p = image.pixel(x, y);
+      c.transparent += qAlpha(p) == 0;
+      c.faint += qAlpha(p) < 128;
+      c.opaque += qAlpha(p) == 255;
+      c.coloured += qAlpha(p) > 0 && (qRed(p) | qGreen(p) | qBlue(p)) != 0;
     }
   }
   return c;
@@ -43,10 +45,8 @@ TEST(RenderIconTest, WritesAPngOfTheSizeAsked) {
     std::vector<std::string> sizeArgs;
     int size;
   };
-  const Case cases[] = {
-      {{}, 1024},           {{"--size", "16"}, 16},    {{"--size", "64"}, 64},
-      {{"--size", "1"}, 1}, {{"--size", "0512"}, 512}, {{"--size"}, 1024},  // last: not given
-  };
+  const Case cases[] = {{{}, 1024}, {{"--size", "16"}, 16}, {{"--size", "1"}, 1},
+                        {{"--size"}, 1024}};  // last: no value given
   for (const Case& c : cases) {
     const std::string out = temp.file("icon-" + std::to_string(c.size) + ".png");
     std::filesystem::remove(out);
@@ -72,63 +72,33 @@ TEST(RenderIconTest, WritesAPngOfTheSizeAsked) {
 
 TEST(RenderIconTest, ABadSizeOrAnUnwritableFileFailsWithTheReason) {
   testing::TempDir temp;
-  const std::string out = temp.file("icon.png");
-  struct Case {
-    std::vector<std::string> args;
-    std::string reason;  // part of the message
-  };
-  const std::vector<Case> cases = {
-      {{"--size", "12a"}, "\"12a\""}, {{"--size", "0"}, "at least 1"},
-      {{"--size", "-3"}, "\"-3\""},   {{"--size", ""}, "\"\""},
-      {{"--size", "+5"}, "\"+5\""},   {{"--size", "0x10"}, "\"0x10\""},
-      {{"--size", " 5"}, "\" 5\""},   {{"--size", "5.0"}, "\"5.0\""},
-      {{"--size", "8193"}, "8192"},   {{"--size", "99999999999999999999"}, "8192"},
-  };
-  for (const Case& c : cases) {
-    std::vector<std::string> args{"--render-icon", out};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    const auto run = runCorvane(temp, args);
-    EXPECT_EQ(run.status, ExitStatus::exit(1)) << c.args.back();
-    EXPECT_THAT(run.err, StartsWith("render failed: ")) << c.args.back();
+  const std::string out = temp.file("icon.png"), nowhere = temp.file("missing-folder/icon.png");
+  const struct {
+    std::string file, size, reason;  // reason: part of the message
+  } cases[] = {{out, "12a", "\"12a\""},
+               {out, "0", "at least 1"},
+               {out, "8193", "8192"},
+               {nowhere, "32", "could not write " + nowhere}};
+  for (const auto& c : cases) {
+    const auto run = runCorvane(temp, {"--render-icon", c.file, "--size", c.size});
+    EXPECT_EQ(run.status, ExitStatus::exit(1)) << c.size;
+    EXPECT_THAT(run.err, StartsWith("render failed: ")) << c.size;
     EXPECT_THAT(run.err, HasSubstr(c.reason));
-    EXPECT_TRUE(run.err.ends_with("\n"));
-    EXPECT_FALSE(std::filesystem::exists(out)) << c.args.back();
+    EXPECT_FALSE(std::filesystem::exists(c.file)) << c.size;
   }
-
-  const std::string nowhere = temp.file("missing-folder/icon.png");
-  const auto run = runCorvane(temp, {"--render-icon", nowhere, "--size", "32"});
-  EXPECT_EQ(run.status, ExitStatus::exit(1));
-  EXPECT_THAT(run.err, StartsWith("render failed: could not write " + nowhere));
 }
 
 TEST(AppIconTest, TheMenuBarImageIsBlackOnTransparentWithTheMarkCutOut) {
   for (const int size : {18, 36, 128}) {
     const QImage image = AppIcon::drawTemplate(size).convertToFormat(QImage::Format_ARGB32);
     ASSERT_EQ(image.size(), QSize(size, size));
-    bool onlyBlack = true;
-    for (int y = 0; y < size; ++y) {
-      for (int x = 0; x < size; ++x) {
-        const QRgb p = image.pixel(x, y);
-        if (qAlpha(p) > 0 && (qRed(p) | qGreen(p) | qBlue(p)) != 0) onlyBlack = false;
-      }
-    }
-    EXPECT_TRUE(onlyBlack) << size;
     const Coverage cover = coverage(image);
+    EXPECT_EQ(cover.coloured, 0) << size;
     EXPECT_GT(cover.opaque, size * size / 5) << size;
-    // The centre of the bubble is where the mark's ring is cut; some pixel
-    // inside the bubble's middle third shows the bar through it.
-    int holes = 0;
-    for (int y = size / 3; y < 2 * size / 3; ++y) {
-      for (int x = size / 3; x < 2 * size / 3; ++x) holes += qAlpha(image.pixel(x, y)) < 128;
-    }
-    EXPECT_GT(holes, 0) << size;
-  }
-}
-
-TEST(AppIconTest, SizesOutsideTheRangeDrawNothing) {
-  for (const int size : {0, -1, AppIcon::maxRenderSize + 1}) {
-    EXPECT_TRUE(AppIcon::draw(size).isNull()) << size;
-    EXPECT_TRUE(AppIcon::drawTemplate(size).isNull()) << size;
+    // The mark's ring is cut out of the bubble: some pixel in the middle
+    // third shows the bar through it.
+    const int third = size / 3, side = 2 * size / 3 - third;
+    EXPECT_GT(coverage(image.copy(third, third, side, side)).faint, 0) << size;
   }
 }
 

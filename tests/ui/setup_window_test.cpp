@@ -5,8 +5,10 @@
 #include <QCheckBox>
 #include <QLineEdit>
 #include <QTest>
+#include <set>
 #include <utility>
 
+#include "app/model/setup_texts.h"
 #include "tests/support/app_model_rig.h"
 #include "tests/ui/ui_helpers.h"
 
@@ -52,40 +54,24 @@ class SetupWindowTest : public ::testing::Test {
 };
 
 TEST_F(SetupWindowTest, EachStepShowsItsTitleBodyAndPlace) {
-  struct Case {
-    SetupStep step;
-    std::string caption, title, body;
-  };
-  const Case cases[] = {
-      {SetupStep::move, "", "Move Corvane to Applications",
-       "Corvane works best from your Applications folder \u2014 that's where macOS remembers the "
-       "permissions you're about to give it."},
-      {SetupStep::connect, "", "Connect your account",
-       "Sign in on the Corvane website and this Mac links up automatically. No codes to copy."},
-      {SetupStep::fullDisk, "Full Disk Access", "Let Corvane read Messages",
-       "So Corvane can see who's waiting on you \u2014 only people you add to your roster ever "
-       "leave this Mac."},
-      {SetupStep::automation, "", "Let Corvane send the texts you approve",
-       "Corvane only sends a text when you tap Send on the website, or when it replies to a note "
-       "you texted yourself. macOS will ask you once."},
-      {SetupStep::contacts, "", "Show names, not numbers",
-       "Corvane can use your Contacts to put names on the people you text. Optional \u2014 you "
-       "can name people on the website instead."},
-      {SetupStep::done, "", "You're all set",
-       "Corvane lives up here \u2197 in your menu bar. Add the people you're talking to on the "
-       "website \u2014 Corvane takes it from there."},
-  };
+  const std::pair<SetupStep, const char*> steps[] = {
+      {SetupStep::move, "Move Corvane to Applications"},
+      {SetupStep::connect, "Connect your account"},
+      {SetupStep::fullDisk, "Let Corvane read Messages"},
+      {SetupStep::automation, "Let Corvane send the texts you approve"},
+      {SetupStep::contacts, "Show names, not numbers"},
+      {SetupStep::done, "You're all set"}};
   SetupWindow& w = preview();
-  EXPECT_EQ(w.windowTitle(), "Set up Corvane");
   EXPECT_EQ(w.size(), QSize(600, 580));
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.title);
-    rig.model().setPreview({.step = c.step});
-    EXPECT_EQ(text(w, "stepTitle"), c.title);
-    EXPECT_EQ(text(w, "stepBody"), c.body);
-    EXPECT_EQ(shown(w, "stepCaption") ? text(w, "stepCaption") : "", c.caption);
-    EXPECT_EQ(testing::child(w, "stepDots")->property("current").toInt(), static_cast<int>(c.step));
-    EXPECT_EQ(shown(w, "back"), c.step > SetupStep::connect);
+  std::set<std::string> bodies;
+  for (const auto& [step, title] : steps) {
+    SCOPED_TRACE(title);
+    rig.model().setPreview({.step = step});
+    EXPECT_EQ(text(w, "stepTitle"), title);
+    EXPECT_TRUE(bodies.insert(text(w, "stepBody")).second) << "each step has a body of its own";
+    EXPECT_EQ(shown(w, "stepCaption"), step == SetupStep::fullDisk);
+    EXPECT_EQ(testing::child(w, "stepDots")->property("current").toInt(), static_cast<int>(step));
+    EXPECT_EQ(shown(w, "back"), step > SetupStep::connect);
   }
 }
 
@@ -98,53 +84,28 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
     std::vector<std::pair<const char*, std::string>> texts;
   };
   const Case cases[] = {
-      {"connect: idle",
-       {},
-       {"connectWithBrowser", "codeToggle"},
-       {"waitingForBrowser", "pairingError", "pendingLink", "connectedAs", "codeBox"},
-       {}},
-      {"automation: undecided",
-       {.step = Step::automation},
-       {"allowSending", "skipAutomation"},
+      {"connect: idle", {}, {"connectWithBrowser", "codeToggle"},
+       {"waitingForBrowser", "pairingError", "pendingLink", "connectedAs", "codeBox"}, {}},
+      {"automation: undecided", {.step = Step::automation}, {"allowSending", "skipAutomation"},
        {"automationBusy", "automationDenied", "openAutomationSettings", "checkAgain",
-        "automationGranted", "automationMessage"},
-       {}},
+        "automationGranted", "automationMessage"}, {}},
       {"automation: no answer",
        {.automationMessage = "Messages didn't answer in time.", .step = Step::automation},
-       {"allowSending", "automationMessage"},
-       {"automationDenied"},
+       {"allowSending", "automationMessage"}, {"automationDenied"},
        {{"automationMessage", "Messages didn't answer in time."}}},
       {"automation: denied with a message",
-       {.automation = S::denied,
-        .automationMessage = "Not authorised to send Apple events.",
-        .step = Step::automation},
+       {.automation = S::denied, .automationMessage = "Not authorised.", .step = Step::automation},
        {"automationDenied", "automationMessage", "openAutomationSettings", "checkAgain",
         "skipAutomation"},
-       {"allowSending", "automationGranted"},
-       {{"automationDenied",
-         "macOS said no. To fix it, open System Settings \u203A Privacy &amp; Security \u203A "
-         "Automation and turn on <b>Messages</b> under Corvane."},
-        {"automationMessage", "Not authorised to send Apple events."},
-        {"openAutomationSettings", "Open Automation Settings"},
-        {"checkAgain", "Check again"}}},
-      {"contacts: undecided",
-       {.step = Step::contacts},
-       {"allowContacts", "skipContacts"},
-       {"contactsGranted", "contactsDenied", "openContactsSettings", "contactsContinue"},
+       {"allowSending", "automationGranted"}, {{"automationMessage", "Not authorised."}}},
+      {"contacts: undecided", {.step = Step::contacts}, {"allowContacts", "skipContacts"},
+       {"contactsGranted", "contactsDenied", "openContactsSettings", "contactsContinue"}, {}},
+      {"contacts: granted", {.contacts = S::granted, .step = Step::contacts},
+       {"contactsGranted", "contactsContinue"}, {"allowContacts", "contactsDenied", "skipContacts"},
        {}},
-      {"contacts: granted",
-       {.contacts = S::granted, .step = Step::contacts},
-       {"contactsGranted", "contactsContinue"},
-       {"allowContacts", "contactsDenied", "skipContacts"},
-       {{"contactsGranted", "Names are on"}}},
-      {"done: one skipped",
-       {.contacts = S::granted, .step = Step::done},
-       {"skippedPermissions", "launchAtLogin", "done", "openCorvane"},
-       {},
-       {{"skippedPermissions", "Automation. Turn it on anytime from Setup\u2026 in the menu."},
-        {"launchAtLogin", "Launch Corvane when I log in"},
-        {"done", "Done"},
-        {"openCorvane", "Open Corvane"}}},
+      {"done: one skipped", {.contacts = S::granted, .step = Step::done},
+       {"skippedPermissions", "launchAtLogin", "done", "openCorvane"}, {},
+       {{"skippedPermissions", SetupTexts::skippedPermissionsSentence({"Automation"})}}},
   };
   SetupWindow& w = preview();
   for (const auto& c : cases) {
@@ -165,12 +126,9 @@ TEST_F(SetupWindowTest, AFailedMoveIsExplainedAndNotNowGoesOnToConnect) {
   EXPECT_FALSE(shown(w, "moveError"));
   click(w, "moveToApplications");
   EXPECT_EQ(rig.relocator.moves, 1);
+  EXPECT_EQ(text(w, "moveError"), SetupTexts::moveFailed("The volume is read-only"));
   EXPECT_TRUE(shown(w, "moveError"));
-  EXPECT_EQ(text(w, "moveError"),
-            "Couldn't move Corvane: The volume is read-only. Drag it into Applications yourself, "
-            "then open it from there.");
   click(w, "notNow");
-  EXPECT_TRUE(rig.defaults.getBool(DefaultsKey::skippedMove));
   EXPECT_EQ(text(w, "stepTitle"), "Connect your account");
 }
 
@@ -178,17 +136,13 @@ TEST_F(SetupWindowTest, ConnectWaitsForTheBrowserAndTheCodeBoxPairsWithTheTypedC
   SetupWindow& w = open();
   click(w, "connectWithBrowser");
   EXPECT_EQ(rig.opener.urls, std::vector<std::string>{AppModel::connectPageURL(rig.server)});
-  EXPECT_EQ(text(w, "waitingForBrowser"), "Finish signing in in your browser\u2026");
   EXPECT_TRUE(shown(w, "waitingForBrowser"));
 
-  EXPECT_EQ(text(w, "codeToggle"), "Have a code?");
   EXPECT_FALSE(shown(w, "codeField"));
   click(w, "codeToggle");
   EXPECT_EQ(text(w, "codeToggle"), "Hide code box");
-  ASSERT_TRUE(shown(w, "codeField"));
-  EXPECT_EQ(text(w, "codeLabel"), "Pairing code");
   auto* field = qobject_cast<QLineEdit*>(testing::child(w, "codeField"));
-  ASSERT_NE(field, nullptr);
+  ASSERT_TRUE(field && shown(w, "codeField"));
   QTest::keyClicks(field, "ab c");
   QTest::keyClick(field, Qt::Key_Return);
   EXPECT_TRUE(rig.pairings().empty());
@@ -219,12 +173,8 @@ TEST_F(SetupWindowTest, PendingLinkIsConfirmedOrCancelled) {
               {"connectWithBrowser", "connectedAs"});
   EXPECT_EQ(text(w, "pendingLinkText"),
             "Connect this Mac to the Corvane account at corvane.example.net");
-  EXPECT_EQ(text(w, "untrustedWarning"),
-            "This isn't the usual Corvane website. Only continue if you trust it \u2014 your "
-            "roster's messages would go there.");
   click(w, "pendingCancel");
-  EXPECT_FALSE(shown(w, "pendingLink"));
-  EXPECT_TRUE(shown(w, "connectWithBrowser"));
+  expectShown(w, {"connectWithBrowser"}, {"pendingLink"});
 
   rig.model().handleLink(link);
   click(w, "pendingContinue");
@@ -238,19 +188,10 @@ TEST_F(SetupWindowTest, FullDiskAccessButtonsAndTheWaitForTheSwitch) {
   rig.probes.access = {false, false};
   SetupWindow& w = open();
   ASSERT_EQ(published().step, SetupStep::fullDisk);
-  EXPECT_NE(text(w, "fullDiskInstruction")
-                .find("Turn on <b>Corvane</b> in the list. Don't see it? Click <b>+</b>, and pick "
-                      "Corvane from Applications."),
-            std::string::npos);
-  EXPECT_EQ(text(w, "openFullDiskSettings"), "Open System Settings");
-  EXPECT_EQ(text(w, "revealApplication"), "Show Corvane in Finder");
-  EXPECT_EQ(text(w, "relaunch"), "Turned it on? Restart Corvane");
-  expectShown(w, {}, {"fullDiskWaiting", "fullDiskGranted"});
-
+  expectShown(w, {"fullDiskInstruction"}, {"fullDiskWaiting", "fullDiskGranted"});
   click(w, "openFullDiskSettings");
   EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_AllFiles"});
   EXPECT_TRUE(shown(w, "fullDiskWaiting"));
-  EXPECT_EQ(text(w, "fullDiskWaiting"), "Waiting for you to switch it on\u2026");
   click(w, "revealApplication");
   EXPECT_EQ(rig.opener.revealed.size(), 1u);
   click(w, "relaunch");
@@ -259,7 +200,6 @@ TEST_F(SetupWindowTest, FullDiskAccessButtonsAndTheWaitForTheSwitch) {
   rig.probes.access = {true, true};
   rig.scheduler.advance(AppModel::fullDiskPollSec);
   expectShown(w, {"fullDiskGranted"}, {"openFullDiskSettings", "fullDiskWaiting"});
-  EXPECT_EQ(text(w, "fullDiskGranted"), "Corvane can read Messages");
 }
 
 TEST_F(SetupWindowTest, AutomationCanBeSkippedAndADenialOffersRecovery) {
@@ -270,11 +210,9 @@ TEST_F(SetupWindowTest, AutomationCanBeSkippedAndADenialOffersRecovery) {
   click(w, "skipAutomation");
   EXPECT_EQ(published().step, SetupStep::contacts);
   click(w, "back");
-  EXPECT_EQ(text(w, "stepTitle"), "Let Corvane send the texts you approve");
 
   click(w, "allowSending");
   EXPECT_TRUE(shown(w, "automationBusy"));
-  EXPECT_EQ(text(w, "automationBusy"), "Click OK in the box macOS shows\u2026");
   EXPECT_FALSE(enabled(w, "allowSending"));
   rig.settle();
   EXPECT_EQ(rig.probes.automationRequests, 1);
@@ -286,7 +224,6 @@ TEST_F(SetupWindowTest, AutomationCanBeSkippedAndADenialOffersRecovery) {
   rig.settle();
   expectShown(w, {"automationGranted"},
               {"checkAgain", "allowSending", "automationDenied", "skipAutomation"});
-  EXPECT_EQ(text(w, "automationGranted"), "Corvane can send through Messages");
   click(w, "automationContinue");
   EXPECT_EQ(text(w, "stepTitle"), "Show names, not numbers");
 }
@@ -305,10 +242,6 @@ TEST_F(SetupWindowTest, TheContactsButtons) {
   EXPECT_EQ(rig.probes.contactsRequests, 1);
   expectShown(w, {"contactsDenied", "contactsContinue"},
               {"allowContacts", "contactsGranted", "skipContacts"});
-  EXPECT_EQ(text(w, "contactsDenied"),
-            "Contacts access is off. You can turn it on later in System Settings \u203A Privacy & "
-            "Security \u203A Contacts.");
-  EXPECT_EQ(text(w, "openContactsSettings"), "Open Contacts Settings");
   click(w, "openContactsSettings");
   EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_Contacts"});
   click(w, "contactsContinue");
@@ -326,20 +259,17 @@ TEST_F(SetupWindowTest, TheLastStepsToggleItsErrorDoneAndOpenCorvane) {
   ASSERT_NE(toggle, nullptr);
   EXPECT_TRUE(toggle->isChecked());  // a first setup starts with it on
   click(w, "launchAtLogin");
-  EXPECT_FALSE(published().launchAtLogin);
-  click(w, "launchAtLogin");
-  EXPECT_TRUE(rig.loginItem.enabled);
+  EXPECT_FALSE(toggle->isChecked());
   EXPECT_FALSE(shown(w, "loginItemError"));
   rig.loginItem.failure = "Operation not permitted";
   click(w, "launchAtLogin");
-  EXPECT_TRUE(toggle->isChecked());  // it is still registered
+  EXPECT_FALSE(toggle->isChecked());  // it is still not registered
   EXPECT_TRUE(shown(w, "loginItemError"));
   EXPECT_EQ(text(w, "loginItemError"), "Operation not permitted");
 
   click(w, "openCorvane");
   EXPECT_EQ(opened, std::vector<std::string>{rig.server});
   EXPECT_EQ(closed, 0);
-  EXPECT_FALSE(rig.model().setupCompleted());
   click(w, "done");
   EXPECT_TRUE(rig.model().setupCompleted());
   EXPECT_EQ(closed, 1);
