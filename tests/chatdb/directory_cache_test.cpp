@@ -38,7 +38,7 @@ class DirectoryCacheTrace {
     const int kind = pick(100);
     if (kind < 30) return insert(pickChat(), "insert in an existing chat");
     if (kind < 36) return insert(newChat(), "insert in a new chat");
-    if (kind < 44) return {reaction(), Refresh::incremental};
+    if (kind < 44) return reaction();
     if (kind < 56) return deleteMessage(/*withJoins=*/true);
     if (kind < 66) return changeService();
     if (kind < 72) return {"nothing", Refresh::unchanged};
@@ -136,7 +136,7 @@ class DirectoryCacheTrace {
     return {what, Refresh::incremental};
   }
 
-  std::string reaction() {
+  std::pair<std::string, Refresh> reaction() {
     MessageSpec spec = randomSpec();
     if (pick(2) == 0) {
       spec.amt = 2000 + pick(6);
@@ -144,7 +144,7 @@ class DirectoryCacheTrace {
       spec.itemType = 1 + pick(3);
     }
     insert(pickChat(), spec);
-    return "a reaction or a non-message item";
+    return {"a reaction or a non-message item", Refresh::incremental};
   }
 
   std::pair<std::string, Refresh> insertOddDate() {

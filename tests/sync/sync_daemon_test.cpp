@@ -32,8 +32,7 @@ constexpr std::int64_t kNow = 1700000000000;
 TEST(BackoffTest, DoublesPerFailureWithinJitterAndCap) {
   // base, failures, random, expected
   const std::tuple<int, int, double, int> cases[] = {
-      {30, 1, 0.0, 26},       // 25.5 rounds away from zero
-      {30, 0, 0.0, 26},       // no failure counts as the first
+      {30, 0, 0.0, 26},       // no failure counts as the first; 25.5 rounds away from zero
       {30, 1, 0.9999, 34},
       {30, 3, 0.5, 120},
       {30, 6, 0.5, 900},      // 960 capped at 900
