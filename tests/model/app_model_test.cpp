@@ -316,9 +316,6 @@ TEST_F(AppModelTest, WhatIsNotAConnectLinkChangesNothing) {
     EXPECT_EQ(rig.published().step, before) << url;
     EXPECT_FALSE(rig.published().pendingLink) << url;
   }
-  rig.model().handleLink("corvane://connect?code=ABCD1234");
-  rig.model().cancelPendingLink();
-  EXPECT_FALSE(rig.published().pendingLink);
 }
 
 TEST_F(AppModelTest, DisconnectForgetsTheTokenAndSaysWhy) {
@@ -356,7 +353,6 @@ TEST_F(AppModelTest, FullDiskPollAdvancesOnceAccessIsOnAndStopsWithTheWindow) {
   EXPECT_EQ(rig.probes.fullDiskProbes - probesBefore, 3);  // every 2 s
   rig.probes.access = {true, true};
   rig.scheduler.advance(2.0);
-  EXPECT_TRUE(rig.published().fullDiskAccess);
   expectStepAfter(rig, 1.2, SetupStep::automation);
   const int probesAfter = rig.probes.fullDiskProbes;
   rig.scheduler.advance(10.0);
@@ -499,21 +495,6 @@ TEST_F(AppModelTest, FinishingSetupRegistersTheLoginItemAndTheToggleChangesOnlyW
   rig.model().setLaunchAtLogin(true);
   EXPECT_EQ(rig.published().loginItemError, "Operation not permitted.");
   EXPECT_FALSE(rig.published().launchAtLogin);
-}
-
-// The bundle.
-
-TEST_F(AppModelTest, MoveFailureIsShownAndRevealAndRelaunchUseTheApplication) {
-  rig.relocator.moveFailure = "You don't have permission.";
-  rig.start();
-  rig.model().moveToApplications();
-  EXPECT_EQ(rig.published().moveError, "You don't have permission.");
-  rig.model().revealApplication();
-  rig.model().relaunch();
-  EXPECT_EQ(rig.opener.revealed, std::vector<std::filesystem::path>{rig.options.executablePath});
-  rig.relocator.bundle = "/Applications/Corvane.app";
-  rig.model().relaunch();
-  EXPECT_EQ(rig.relocator.relaunched.back(), "/Applications/Corvane.app");
 }
 
 // Observers and lifetime.

@@ -192,10 +192,11 @@ TEST_F(SetupWindowTest, FullDiskAccessButtonsAndTheWaitForTheSwitch) {
   click(w, "openFullDiskSettings");
   EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_AllFiles"});
   EXPECT_TRUE(shown(w, "fullDiskWaiting"));
-  click(w, "revealApplication");
-  EXPECT_EQ(rig.opener.revealed.size(), 1u);
+  click(w, "revealApplication");  // the executable when there is no bundle
+  EXPECT_EQ(rig.opener.revealed, std::vector<std::filesystem::path>{rig.options.executablePath});
+  rig.relocator.bundle = "/Applications/Corvane.app";
   click(w, "relaunch");
-  EXPECT_EQ(rig.relocator.relaunched.size(), 1u);
+  EXPECT_EQ(rig.relocator.relaunched, std::vector<std::filesystem::path>{*rig.relocator.bundle});
 
   rig.probes.access = {true, true};
   rig.scheduler.advance(AppModel::fullDiskPollSec);
