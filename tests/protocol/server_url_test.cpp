@@ -42,7 +42,6 @@ TEST(ServerURLTest, LoopbackHosts) {
 }
 
 TEST(ServerURLTest, TrustOnlyHTTPSOnTrustedHosts) {
-  ASSERT_EQ(ServerURL::trustedHosts().size(), 2u);
   for (const auto& host : ServerURL::trustedHosts()) {
     EXPECT_TRUE(ServerURL::isTrusted("https://" + host)) << host;
     EXPECT_TRUE(ServerURL::isTrusted("HTTPS://" + host + "/connect?x=1")) << host;
