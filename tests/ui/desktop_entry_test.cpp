@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <map>
 #include <regex>
 
 #include "tests/support/temp_dir.h"
@@ -24,36 +23,30 @@ namespace fs = std::filesystem;
 // A launcher's reading of an Exec value: the argument vector, with "%%" as
 // "%" and the field code "%u" left in place.
 std::vector<std::string> launcherArguments(const std::string& value) {
-  std::string unescaped;
+  std::string s;  // the string value's escapes undone
   for (std::size_t i = 0; i < value.size(); ++i) {
-    if (value[i] == '\\' && i + 1 < value.size()) {
-      const char next = value[++i];
-      unescaped += next == 's' ? ' ' : next == 'n' ? '\n' : next == 't' ? '\t' : next;
-    } else {
-      unescaped += value[i];
-    }
+    const bool escaped = value[i] == '\\' && i + 1 < value.size();
+    const char c = escaped ? value[++i] : value[i];
+    s += !escaped ? c : c == 's' ? ' ' : c == 'n' ? '\n' : c == 't' ? '\t' : c;
   }
   // Launchers expand "%%" (and the field codes) before undoing the quoting.
-  unescaped = std::regex_replace(unescaped, std::regex("%%"), "%");
+  s = std::regex_replace(s, std::regex("%%"), "%");
   std::vector<std::string> args;
   std::string current;
   bool inArgument = false;
-  for (std::size_t i = 0; i < unescaped.size(); ++i) {
-    const char c = unescaped[i];
-    if (c == '"') {
-      inArgument = true;
-      for (++i; i < unescaped.size() && unescaped[i] != '"'; ++i) {
-        if (unescaped[i] == '\\' && i + 1 < unescaped.size()) ++i;
-        current += unescaped[i];
-      }
-    } else if (c == ' ') {
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    if (s[i] == ' ') {
       if (inArgument) args.push_back(current);
       current.clear();
       inArgument = false;
-    } else {
-      current += c;
-      inArgument = true;
+      continue;
     }
+    inArgument = true;
+    if (s[i] != '"') {
+      current += s[i];
+      continue;
+    }
+    for (++i; i < s.size() && s[i] != '"'; ++i) current += s[i] == '\\' ? s[++i] : s[i];
   }
   if (inArgument) args.push_back(current);
   return args;
@@ -89,22 +82,15 @@ TEST(DesktopEntryTest, DeclaresTheLinkSchemeAndRefusesPathsWithLineBreaks) {
 }
 
 TEST(DesktopEntryTest, ApplicationsFolderFollowsXdgDataHome) {
-  struct Case {
-    std::map<std::string, std::string> env;
-    fs::path expected;
-  };
-  const Case cases[] = {
-      {{{"HOME", "/home/a"}, {"XDG_DATA_HOME", "/data"}}, "/data/applications"},
-      {{{"HOME", "/home/a"}, {"XDG_DATA_HOME", "relative/data"}},
-       "/home/a/.local/share/applications"},
-      {{{"HOME", "/home/a"}}, "/home/a/.local/share/applications"},
-  };
-  for (const Case& c : cases) {
+  const fs::path fallback = "/home/a/.local/share/applications";
+  const std::pair<const char*, fs::path> cases[] = {
+      {"/data", "/data/applications"}, {"relative/data", fallback}, {nullptr, fallback}};
+  for (const auto& [dataHome, expected] : cases) {
     const auto getenv = [&](const char* name) -> const char* {
-      const auto found = c.env.find(name);
-      return found == c.env.end() ? nullptr : found->second.c_str();
+      const std::string_view n = name;
+      return n == "HOME" ? "/home/a" : n == "XDG_DATA_HOME" ? dataHome : nullptr;
     };
-    EXPECT_EQ(DesktopEntry::applicationsDirectory(getenv), c.expected);
+    EXPECT_EQ(DesktopEntry::applicationsDirectory(getenv), expected);
   }
 }
 
