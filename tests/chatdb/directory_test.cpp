@@ -18,9 +18,6 @@ constexpr std::int64_t kNow = 1700000000000;
 
 class DirectoryTest : public ::testing::Test {
  protected:
-  explicit DirectoryTest(ChatDbSchema schema = ChatDbSchema::full())
-      : builder(dir.file("chat.db"), std::move(schema)) {}
-
   ChatDB& open(std::optional<std::string> region = "US") {
     db = std::make_unique<ChatDB>(builder.path(), std::move(region));
     db->setStatementObserver([this](const std::string& sql) { statements.push_back(sql); });
@@ -29,20 +26,16 @@ class DirectoryTest : public ::testing::Test {
   }
 
   TempDir dir;
-  ChatDbBuilder builder;
+  ChatDbBuilder builder{dir.file("chat.db")};
   std::unique_ptr<ChatDB> db;
   std::vector<std::string> statements;
 };
 
-class MinimalDirectoryTest : public DirectoryTest {
- protected:
-  MinimalDirectoryTest() : DirectoryTest(ChatDbSchema::minimal()) {}
-};
-
-TEST_F(MinimalDirectoryTest, OneToOneChatsUseTheDatabaseRegion) {
+TEST(MinimalDirectoryTest, OneToOneChatsUseTheDatabaseRegion) {
+  TempDir dir;
+  ChatDbBuilder builder(dir.file("chat.db"), ChatDbSchema::minimal());
   const auto chat = builder.oneToOne("0612345678");
-  ChatDB& db = open("FR");
-  EXPECT_EQ(db.oneToOneChats(),
+  EXPECT_EQ(ChatDB(builder.path(), "FR").oneToOneChats(),
             (std::vector<ChatDB::OneToOneChat>{{chat, 1, "0612345678", "+33612345678", "iMessage"}}));
 }
 
@@ -114,8 +107,12 @@ TEST_F(DirectoryTest, BuildsOneEntryPerRecentCorrespondent) {
   builder.message(group, MessageSpec{.text = "group", .dateMs = kNow});
   builder.message(named, MessageSpec{.text = "named", .dateMs = kNow});
 
+  // Names are clipped to 100 UTF-16 units, the display name to 200.
+  const std::string first(150, 'F'), last(150, 'L');
   const IndexedContactBook contacts(
-      {{ContactName("Alex", "Doe", "Al", std::nullopt), {"415-555-0100"}, {}}}, "US");
+      {{ContactName("Alex", "Doe", "Al", std::nullopt), {"415-555-0100"}, {}},
+       {ContactName(first, last, std::nullopt, std::nullopt), {}, {"sam@example.org"}}},
+      "US");
   ChatDB& db = open();
   const auto entries = db.buildDirectory(kNow - 365 * kDay, contacts, {"+14155550122"});
 
@@ -129,7 +126,10 @@ TEST_F(DirectoryTest, BuildsOneEntryPerRecentCorrespondent) {
                                         .lastMessageAt = isoString(kNow - kDay),
                                         .lastFromMe = false,
                                         .messageCount = 3}));
-  EXPECT_EQ(entries[1], (DirectoryEntry{.handle = "sam@example.org",  // no names
+  EXPECT_EQ(entries[1], (DirectoryEntry{.handle = "sam@example.org",
+                                        .displayName = first + " " + std::string(49, 'L'),
+                                        .firstName = std::string(100, 'F'),
+                                        .lastName = std::string(100, 'L'),
                                         .service = "iMessage",
                                         .lastMessageAt = isoString(kNow - 5 * kDay),
                                         .lastFromMe = true,
@@ -163,19 +163,6 @@ TEST_F(DirectoryTest, EqualTimesKeepTheFirstChatAndTiesSortByHandle) {
   EXPECT_EQ(entries[1].service, "iMessage");
   EXPECT_FALSE(entries[1].lastFromMe);
   EXPECT_EQ(entries[1].messageCount, 2);
-}
-
-TEST_F(DirectoryTest, LongNamesAreClipped) {
-  const auto chat = builder.oneToOne("+14155550100");
-  builder.message(chat, MessageSpec{.text = "x", .dateMs = kNow});
-  const std::string first(150, 'F'), last(150, 'L');
-  const IndexedContactBook contacts({{ContactName(first, last, std::nullopt, std::nullopt),
-                                      {"+14155550100"}, {}}}, "US");
-  const auto entries = open().buildDirectory(0, contacts, {});
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].firstName, std::string(100, 'F'));
-  EXPECT_EQ(entries[0].lastName, std::string(100, 'L'));
-  EXPECT_EQ(entries[0].displayName, first + " " + std::string(49, 'L'));
 }
 
 }  // namespace
