@@ -107,7 +107,7 @@ TEST(AppModelStepTest, CurrentStepFirstMatchWins) {
   }
 }
 
-TEST_F(AppModelTest, AdvanceOnlyFromTheShownStepAndIgnoresSkipFlags) {
+TEST_F(AppModelTest, AdvanceOnlyFromTheShownStepAndReopeningKeepsALaterStepButLeavesDone) {
   rig.pairedBefore();
   rig.probes.access = {false, false};
   rig.probes.automationAnswer = S::denied;
@@ -122,31 +122,10 @@ TEST_F(AppModelTest, AdvanceOnlyFromTheShownStepAndIgnoresSkipFlags) {
   rig.model().refreshPermissions();
   EXPECT_EQ(rig.model().currentStep(), SetupStep::contacts);  // passes over automation
   rig.model().advance(SetupStep::fullDisk);
-  EXPECT_EQ(rig.published().step, SetupStep::automation);  // advance stops there
-
+  EXPECT_EQ(rig.published().step, SetupStep::automation);  // advance ignores the skip flag
   rig.model().advance(SetupStep::fullDisk);  // the wizard shows automation now
   EXPECT_EQ(rig.published().step, SetupStep::automation);
-}
 
-TEST_F(AppModelTest, NotNowOnMoveStartsAtConnectAndStaysThere) {
-  rig.relocator.bundle = "/Volumes/Corvane/Corvane.app";
-  rig.relocator.inApplications = false;
-  rig.start();
-  ASSERT_EQ(rig.published().step, SetupStep::move);
-  rig.model().skip(SetupStep::move);
-  EXPECT_EQ(rig.published().step, SetupStep::connect);
-  EXPECT_TRUE(rig.defaults.getBool(DefaultsKey::skippedMove));
-  rig.model().showCurrentStep();
-  EXPECT_EQ(rig.published().step, SetupStep::connect);
-  rig.model().goBack();  // the move step is still on offer
-  EXPECT_EQ(rig.published().step, SetupStep::move);
-}
-
-TEST_F(AppModelTest, ShowingTheWindowKeepsALaterStepButLeavesDone) {
-  rig.pairedBefore();
-  rig.probes.automationAnswer = S::denied;
-  rig.start();
-  ASSERT_EQ(rig.published().step, SetupStep::automation);
   rig.model().skip(SetupStep::automation);
   ASSERT_EQ(rig.published().step, SetupStep::contacts);
   rig.model().goBack();
@@ -163,6 +142,20 @@ TEST_F(AppModelTest, ShowingTheWindowKeepsALaterStepButLeavesDone) {
   rig.model().goBack();
   rig.model().goBack();
   EXPECT_EQ(rig.published().step, SetupStep::connect);  // nothing to move: no move step
+}
+
+TEST_F(AppModelTest, NotNowOnMoveStartsAtConnectAndStaysThere) {
+  rig.relocator.bundle = "/Volumes/Corvane/Corvane.app";
+  rig.relocator.inApplications = false;
+  rig.start();
+  ASSERT_EQ(rig.published().step, SetupStep::move);
+  rig.model().skip(SetupStep::move);
+  EXPECT_EQ(rig.published().step, SetupStep::connect);
+  EXPECT_TRUE(rig.defaults.getBool(DefaultsKey::skippedMove));
+  rig.model().showCurrentStep();
+  EXPECT_EQ(rig.published().step, SetupStep::connect);
+  rig.model().goBack();  // the move step is still on offer
+  EXPECT_EQ(rig.published().step, SetupStep::move);
 }
 
 // Pairing by code.

@@ -81,14 +81,5 @@ TEST(SetupTextsTest, LinkConfirmationNamesTheAccountAndWarnsOfAnUnusualServer) {
   }
 }
 
-TEST(SetupTextsTest, MoveFailureWrapsTheErrorWithOneFullStop) {
-  for (const char* error : {"The disk is full", "The disk is full."}) {
-    EXPECT_EQ(SetupTexts::moveFailed(error),
-              "Couldn't move Corvane: The disk is full. Drag it into Applications yourself, then "
-              "open it from there.")
-        << error;
-  }
-}
-
 }  // namespace
 }  // namespace corvane

@@ -127,12 +127,9 @@ class AppModelRig {
   std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
   std::shared_ptr<RecordingLogger> log = std::make_shared<RecordingLogger>();
   std::string chatDB = dir.file("chat.db");
-  AppModel::Options options{.chatDBPath = chatDB,
-                            .stateDir = dir.file("state"),
-                            .executablePath = dir.file("Corvane"),
-                            .region = "US",
-                            .appVersion = "1.2.3",
-                            .osVersion = "macOS 14.5",
+  AppModel::Options options{.chatDBPath = chatDB, .stateDir = dir.file("state"),
+                            .executablePath = dir.file("Corvane"), .region = "US",
+                            .appVersion = "1.2.3", .osVersion = "macOS 14.5",
                             .deviceName = "Test Mac"};
   // Sets up every client the model makes (the answers, failWith hooks).
   std::function<void(FakeAgentAPI&, const std::string& server,

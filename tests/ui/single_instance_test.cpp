@@ -52,8 +52,6 @@ TEST(SingleInstanceTest, ALaterStartHandsItsLinksOverInOrderThroughAPrivateSocke
   ASSERT_EQ(::stat(first.socketPath().toLocal8Bit().constData(), &info), 0);
   EXPECT_TRUE(S_ISSOCK(info.st_mode));
   EXPECT_EQ(info.st_mode & 077, 0u);
-  EXPECT_THAT(first.socketPath().toStdString(),
-              HasSubstr("corvane-" + std::to_string(::getuid()) + ".socket"));
   QSignalSpy urls(&first, &SingleInstance::urlReceived);
   QSignalSpy reopens(&first, &SingleInstance::reopenRequested);
 

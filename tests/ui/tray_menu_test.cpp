@@ -63,8 +63,6 @@ AppModel::Published syncing() {
 }
 
 TEST_F(TrayMenuTest, ItemsInEachState) {
-  auto noPermission = syncing();
-  noPermission.fullDiskAccess = false;
   auto paused = syncing();
   paused.paused = true;
   auto updateOffered = syncing();
@@ -80,9 +78,6 @@ TEST_F(TrayMenuTest, ItemsInEachState) {
       {"not connected", {}, false,
        {"(off) Not connected", "Pause syncing", "Sync now", "Finish setup\u2026",
         "(off) Check for Updates\u2026", "Quit Corvane"}},
-      {"needs permission", noPermission, false,
-       {"(off) Needs permission", "(off) Connected as Alex Rivera", "Pause syncing", "Sync now",
-        "Finish setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
       {"paused", paused, true,
        {"(off) Paused", "(off) Connected as Alex Rivera", "Resume syncing", "Sync now",
         "Setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
