@@ -172,58 +172,46 @@ TEST_F(SetupWindowTest, PendingLinkIsConfirmedOrCancelled) {
   EXPECT_TRUE(shown(w, "connectedAs"));
 }
 
-TEST_F(SetupWindowTest, FullDiskAccessButtonsAndTheWaitForTheSwitch) {
+// The steps after connecting, as a user walks through them: each button,
+// a denial and its recovery, and the last step's toggle and buttons.
+TEST_F(SetupWindowTest, TheStepsAfterConnecting) {
   rig.pairedBefore();
   rig.probes.access = {false, false};
+  rig.probes.automationRequestAnswer = {S::denied, std::nullopt};
+  rig.probes.contactsAfterRequest = S::denied;
   SetupWindow& w = open();
   ASSERT_EQ(published().step, SetupStep::fullDisk);
   expectShown(w, {"fullDiskInstruction"}, {"fullDiskWaiting", "fullDiskGranted"});
   click(w, "openFullDiskSettings");
-  EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_AllFiles"});
   EXPECT_TRUE(shown(w, "fullDiskWaiting"));
   click(w, "revealApplication");  // the executable when there is no bundle
   EXPECT_EQ(rig.opener.revealed, std::vector<std::filesystem::path>{rig.options.executablePath});
   rig.relocator.bundle = "/Applications/Corvane.app";
   click(w, "relaunch");
   EXPECT_EQ(rig.relocator.relaunched, std::vector<std::filesystem::path>{*rig.relocator.bundle});
-
   rig.probes.access = {true, true};
   rig.scheduler.advance(AppModel::fullDiskPollSec);
   expectShown(w, {"fullDiskGranted"}, {"openFullDiskSettings", "fullDiskWaiting"});
-}
+  rig.scheduler.advance(5);
 
-TEST_F(SetupWindowTest, AutomationCanBeSkippedAndADenialOffersRecovery) {
-  rig.pairedBefore();
-  rig.probes.automationRequestAnswer = {S::denied, std::nullopt};
-  SetupWindow& w = open();
   ASSERT_EQ(published().step, SetupStep::automation);
   click(w, "skipAutomation");
   EXPECT_EQ(published().step, SetupStep::contacts);
   click(w, "back");
-
   click(w, "allowSending");
   EXPECT_TRUE(shown(w, "automationBusy"));
   EXPECT_FALSE(enabled(w, "allowSending"));
   rig.settle();
-  EXPECT_EQ(rig.probes.automationRequests, 1);
   expectShown(w, {"automationDenied", "openAutomationSettings", "checkAgain"}, {"allowSending"});
   click(w, "openAutomationSettings");
-  EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_Automation"});
   rig.probes.automationAnswer = S::granted;  // turned on in System Settings
   click(w, "checkAgain");
   rig.settle();
   expectShown(w, {"automationGranted"},
               {"checkAgain", "allowSending", "automationDenied", "skipAutomation"});
   click(w, "automationContinue");
-  EXPECT_EQ(text(w, "stepTitle"), "Show names, not numbers");
-}
 
-TEST_F(SetupWindowTest, TheContactsButtons) {
-  rig.pairedBefore();
-  rig.probes.automationAnswer = S::granted;
-  rig.probes.contactsAfterRequest = S::denied;
-  SetupWindow& w = open();
-  ASSERT_EQ(published().step, SetupStep::contacts);
+  EXPECT_EQ(text(w, "stepTitle"), "Show names, not numbers");
   click(w, "skipContacts");
   EXPECT_EQ(published().step, SetupStep::done);
   click(w, "back");
@@ -233,18 +221,12 @@ TEST_F(SetupWindowTest, TheContactsButtons) {
   expectShown(w, {"contactsDenied", "contactsContinue"},
               {"allowContacts", "contactsGranted", "skipContacts"});
   click(w, "openContactsSettings");
-  EXPECT_EQ(rig.probes.panes, std::vector<std::string>{"Privacy_Contacts"});
+  EXPECT_EQ(rig.probes.panes, (std::vector<std::string>{"Privacy_AllFiles", "Privacy_Automation",
+                                                        "Privacy_Contacts"}));
   click(w, "contactsContinue");
-  EXPECT_EQ(published().step, SetupStep::done);
-}
 
-TEST_F(SetupWindowTest, TheLastStepsToggleItsErrorDoneAndOpenCorvane) {
-  rig.pairedBefore();
-  rig.probes.automationAnswer = S::granted;
-  rig.probes.contacts = S::granted;
-  SetupWindow& w = open();
   ASSERT_EQ(published().step, SetupStep::done);
-  EXPECT_FALSE(shown(w, "skippedPermissions"));
+  EXPECT_FALSE(shown(w, "skippedPermissions"));  // a denial is an answer, not a skip
   auto* toggle = qobject_cast<QCheckBox*>(testing::child(w, "launchAtLogin"));
   ASSERT_NE(toggle, nullptr);
   EXPECT_TRUE(toggle->isChecked());  // a first setup starts with it on
@@ -256,7 +238,6 @@ TEST_F(SetupWindowTest, TheLastStepsToggleItsErrorDoneAndOpenCorvane) {
   EXPECT_FALSE(toggle->isChecked());  // it is still not registered
   EXPECT_TRUE(shown(w, "loginItemError"));
   EXPECT_EQ(text(w, "loginItemError"), "Operation not permitted");
-
   click(w, "openCorvane");
   EXPECT_EQ(opened, std::vector<std::string>{rig.server});
   EXPECT_EQ(closed, 0);
