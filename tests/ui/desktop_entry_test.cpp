@@ -119,15 +119,5 @@ TEST(DesktopEntryTest, InstallWritesOnlyWhenTheTextChanges) {
       << "no temporary file left behind";
 }
 
-TEST(DesktopEntryTest, AFolderThatCantBeMadeIsReportedWithItsPath) {
-  testing::TempDir temp;
-  testing::writeFile(temp.file("blocker"), "a file where the folder should be");
-  const fs::path folder = fs::path(temp.path()) / "blocker" / "applications";
-  const auto result = DesktopEntry::install(folder, "text\n");
-  EXPECT_FALSE(result.written);
-  ASSERT_TRUE(result.error);
-  EXPECT_THAT(*result.error, HasSubstr(folder.string()));
-}
-
 }  // namespace
 }  // namespace corvane
