@@ -282,10 +282,18 @@ TEST(AppModelLinkTest, ALinkPairsAtOnceOnlyWithinTheWindowAndFromATrustedServer)
   }
 }
 
-TEST_F(AppModelTest, WithoutConnectPressedOrWhenConnectedTheLinkWaitsForConfirmation) {
+TEST_F(AppModelTest, WhatIsNotAConnectLinkChangesNothingAndWhenConnectedALinkWaits) {
   rig.pairedBefore();
   rig.start();
-  rig.model().connectWithBrowser();
+  const SetupStep before = rig.published().step;
+  for (const char* url : {"corvane://connect?code=AB", "https://corvane.app/connect?code=ABCD1234",
+                          "corvane://other?code=ABCD1234", ""}) {
+    rig.model().handleLink(url);
+    EXPECT_EQ(rig.published().step, before) << url;
+    EXPECT_FALSE(rig.published().pendingLink) << url;
+  }
+
+  rig.model().connectWithBrowser();  // connected: pressing Connect does not let a link through
   rig.model().handleLink("corvane://connect?code=WXYZ9876&server=https%3A%2F%2Fpreview.corvane.app");
   ASSERT_TRUE(rig.published().pendingLink);
   rig.settle();
@@ -297,18 +305,6 @@ TEST_F(AppModelTest, WithoutConnectPressedOrWhenConnectedTheLinkWaitsForConfirma
   EXPECT_EQ(rig.published().server, "https://preview.corvane.app");
   EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), "tok-new");
   EXPECT_EQ(rig.pairings(), std::vector<std::string>{"https://preview.corvane.app WXYZ9876"});
-}
-
-TEST_F(AppModelTest, WhatIsNotAConnectLinkChangesNothing) {
-  rig.pairedBefore();
-  rig.start();
-  const SetupStep before = rig.published().step;
-  for (const char* url : {"corvane://connect?code=AB", "https://corvane.app/connect?code=ABCD1234",
-                          "corvane://other?code=ABCD1234", ""}) {
-    rig.model().handleLink(url);
-    EXPECT_EQ(rig.published().step, before) << url;
-    EXPECT_FALSE(rig.published().pendingLink) << url;
-  }
 }
 
 TEST_F(AppModelTest, DisconnectForgetsTheTokenAndSaysWhy) {

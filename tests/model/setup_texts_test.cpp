@@ -61,8 +61,6 @@ TEST(SetupTextsTest, LinkConfirmationNamesTheAccountAndWarnsOfAnUnusualServer) {
       // Without a server the link is for the current one.
       {"http://127.0.0.1:8787", std::nullopt, std::nullopt,
        "Connect this Mac to the Corvane account at 127.0.0.1", true},
-      {trusted, std::nullopt, std::nullopt,
-       "Connect this Mac to the Corvane account at " + trustedHost, false},
       {trusted, "https://other.example", "Sam Lee",
        "This Mac is connected as Sam Lee. Switch it to the account from this link on "
        "other.example",
