@@ -4,7 +4,9 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
+#include "core/protocol/connect_link.h"
 #include "core/protocol/url_parts.h"
 
 namespace corvane {
@@ -60,6 +62,52 @@ TEST(ServerURLTest, DefaultServerIsTrustedAndAlreadyNormal) {
 
 TEST(URLPartsTest, RefusesAnEmbeddedNul) {
   EXPECT_FALSE(parseURL(std::string("https://a.test/\0x", 17)));
+}
+
+TEST(ConnectLinkTest, ParsesLinksTheWebsiteHandsOut) {
+  const std::pair<const char*, std::optional<ConnectLink>> cases[] = {
+      {"corvane://connect?code=%20ABC123%20&server=http://evil.test", ConnectLink{"ABC123", {}}},
+      {"CORVANE://Connect?code=abcd", ConnectLink{"abcd", {}}},
+      {"corvane:/connect/?code=abcd", ConnectLink{"abcd", {}}},
+      {"corvane://connect?server=https%3A%2F%2FExample.test%2Fapp%3Fx%3D1&code=Ab12",
+       ConnectLink{"Ab12", "https://Example.test"}},
+      {"corvane://connect?code=abcd&server=not%20a%20url", ConnectLink{"abcd", {}}},
+      {"corvane://connect?code=first&code=second", ConnectLink{"first", {}}},
+      {"corvane://connect?code=a%26b%3Dc", ConnectLink{"a&b=c", {}}},
+      {"corvane://connect?code=a+bc", ConnectLink{"a+bc", {}}},
+      {"corvane://connect?code=%F0%9F%91%8D%F0%9F%8F%BDabc", ConnectLink{"👍🏽abc", {}}},
+      {"corvane://pair?code=abcd", std::nullopt},
+      {"corvane://connect/extra?code=abcd", ConnectLink{"abcd", {}}},
+      {"https://connect?code=abcd", std::nullopt},
+      {"corvane://connect", std::nullopt},
+      {"corvane://connect?server=https%3A%2F%2Fexample.test", std::nullopt},
+      {"corvane://connect?code=%20%20%20%20%20", std::nullopt},
+  };
+  for (const auto& [url, expected] : cases) EXPECT_EQ(ConnectLink::parse(url), expected) << url;
+}
+
+TEST(ConnectLinkTest, CodeMustBeFourToSixteenCharacters) {
+  const std::pair<std::string, bool> cases[] = {
+      {"abc", false},
+      {"abcd", true},
+      {std::string(16, 'x'), true},
+      {std::string(17, 'x'), false},
+      {"  abc  ", false},
+      // Four characters as a user sees them, though eight code points.
+      {"%F0%9F%91%8D%F0%9F%8F%BD%F0%9F%91%8D%F0%9F%8F%BDab", true},
+  };
+  for (const auto& [code, accepted] : cases) {
+    EXPECT_EQ(ConnectLink::parse("corvane://connect?code=" + code).has_value(), accepted) << code;
+  }
+}
+
+TEST(ConnectLinkTest, MakeEscapesEverythingButTheLinkSafeSet) {
+  EXPECT_EQ(ConnectLink::make("AB 12", "https://example.test"),
+            "corvane://connect?code=AB%2012&server=https%3A%2F%2Fexample.test");
+  EXPECT_EQ(ConnectLink::make("a-_.!~*'()z", "x&y=z"),
+            "corvane://connect?code=a-_.!~*'()z&server=x%26y%3Dz");
+  // The platform's alphanumeric set has letters and digits of every script.
+  EXPECT_EQ(ConnectLink::make("é\u0663", "\xFF"), "corvane://connect?code=é\u0663&server=%FF");
 }
 
 }  // namespace
