@@ -154,19 +154,11 @@ class AppModelRig {
         return make(s, t);
       };
       model_ = std::make_unique<AppModel>(
-          AppModel::Services{.tokens = tokens,
-                             .defaults = defaults,
-                             .probes = probes,
-                             .scheduler = *mainScheduler,
-                             .worker = *worker,
-                             .clock = clock,
-                             .makeAPI = makeAPI ? makeAPI : fakes,
-                             .makeStore = {},
-                             .sender = sender,
-                             .loginItem = loginItem,
-                             .relocator = relocator,
-                             .opener = opener,
-                             .log = log},
+          AppModel::Services{.tokens = tokens, .defaults = defaults, .probes = probes,
+                             .scheduler = *mainScheduler, .worker = *worker, .clock = clock,
+                             .makeAPI = makeAPI ? makeAPI : fakes, .makeStore = {},
+                             .sender = sender, .loginItem = loginItem, .relocator = relocator,
+                             .opener = opener, .log = log},
           options);
     }
     return *model_;
