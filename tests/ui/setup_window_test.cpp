@@ -113,7 +113,7 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
   }
 }
 
-TEST_F(SetupWindowTest, AFailedMoveIsExplainedAndNotNowGoesOnToConnect) {
+TEST_F(SetupWindowTest, AFailedMoveIsExplainedThenConnectWaitsForTheBrowserOrPairsByCode) {
   rig.relocator.bundle = rig.dir.file("Downloads/Corvane.app");
   rig.relocator.inApplications = false;
   rig.relocator.moveFailure = "The volume is read-only";
@@ -124,11 +124,8 @@ TEST_F(SetupWindowTest, AFailedMoveIsExplainedAndNotNowGoesOnToConnect) {
   EXPECT_EQ(text(w, "moveError"), SetupTexts::moveFailed("The volume is read-only"));
   EXPECT_TRUE(shown(w, "moveError"));
   click(w, "notNow");
-  EXPECT_EQ(text(w, "stepTitle"), "Connect your account");
-}
 
-TEST_F(SetupWindowTest, ConnectWaitsForTheBrowserAndTheCodeBoxPairsWithTheTypedCode) {
-  SetupWindow& w = open();
+  EXPECT_EQ(text(w, "stepTitle"), "Connect your account");
   click(w, "connectWithBrowser");
   EXPECT_EQ(rig.opener.urls, std::vector<std::string>{AppModel::connectPageURL(rig.server)});
   EXPECT_TRUE(shown(w, "waitingForBrowser"));
