@@ -5,10 +5,8 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <httplib.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -71,7 +69,6 @@ class LoopbackServer {
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-  int port() const { return port_; }
 
   std::vector<RecordedRequest> requests() const {
     std::lock_guard lock(mutex_);
@@ -104,24 +101,23 @@ class LoopbackServer {
 
 // A raw TCP server on 127.0.0.1 that reads the head of each request (request
 // line and headers, as sent) and then does whatever its script says, however
-// un-HTTP that is: for header order, broken answers and hostile servers. Connections are served
-// one after another; the destructor wakes a script that is still waiting or
-// streaming, so no test can hang on it.
+// un-HTTP that is: for header order, broken answers and hostile servers.
+// Connections are served one after another; the destructor shuts the
+// sockets down, which ends a script that is still waiting or streaming.
 class ScriptedServer {
  public:
-  // What a script can do with its connection. Every call stops (send()
-  // returning false) once the client has hung up or the server is going away.
+  // What a script can do with its connection. send() returns false once the
+  // client has hung up or the server is going away.
   class Connection {
    public:
-    Connection(int fd, int wake) : fd_(fd), wake_(wake) {}
+    explicit Connection(int fd) : fd_(fd) {}
 
     bool send(std::string_view bytes) {
       while (!bytes.empty()) {
-        if (!ready(POLLOUT)) return false;
-        const ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+        const ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
-        sent_ += static_cast<std::size_t>(n);
+        sent += static_cast<std::size_t>(n);
         bytes.remove_prefix(static_cast<std::size_t>(n));
       }
       return true;
@@ -136,26 +132,14 @@ class ScriptedServer {
     // Says nothing more until the client hangs up.
     void waitForHangUp() {
       char sink[4096];
-      while (ready(POLLIN)) {
-        if (::recv(fd_, sink, sizeof sink, 0) <= 0) return;
+      while (::recv(fd_, sink, sizeof sink, 0) > 0) {
       }
     }
 
-    std::size_t bytesSent() const { return sent_; }
+    std::size_t sent = 0;
 
    private:
-    // Waits for `events` on the connection; false when the server is going away.
-    bool ready(short events) {
-      pollfd fds[2] = {{wake_, POLLIN, 0}, {fd_, events, 0}};
-      for (;;) {
-        const int n = ::poll(fds, 2, -1);
-        if (n < 0 && errno == EINTR) continue;
-        return n > 0 && fds[0].revents == 0;
-      }
-    }
-
-    int fd_, wake_;
-    std::size_t sent_ = 0;
+    int fd_;
   };
   using Script = std::function<void(Connection&)>;
 
@@ -165,8 +149,7 @@ class ScriptedServer {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    if (::pipe2(wake_, O_CLOEXEC) == 0 &&
-        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
         ::listen(listener_, 4) == 0 &&
         ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
       port_ = ntohs(address.sin_port);
@@ -175,13 +158,14 @@ class ScriptedServer {
   }
 
   ~ScriptedServer() {
-    if (wake_[1] >= 0) {
-      [[maybe_unused]] const ssize_t n = ::write(wake_[1], "x", 1);
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+      if (client_ >= 0) ::shutdown(client_, SHUT_RDWR);
     }
+    ::shutdown(listener_, SHUT_RDWR);  // ends a waiting accept (on Linux)
     if (thread_.joinable()) thread_.join();
-    for (const int fd : {listener_, wake_[0], wake_[1]}) {
-      if (fd >= 0) ::close(fd);
-    }
+    ::close(listener_);
   }
 
   ScriptedServer(const ScriptedServer&) = delete;
@@ -211,50 +195,48 @@ class ScriptedServer {
  private:
   void serve() {
     for (;;) {
-      pollfd fds[2] = {{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
-      if (::poll(fds, 2, -1) < 0) {
-        if (errno == EINTR) continue;
-        return;
-      }
-      if (fds[0].revents != 0) return;
       const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (client < 0) continue;
-      std::string head = readHead(client);
+      if (client < 0 && errno == EINTR) continue;
+      if (client < 0) return;
+      {
+        std::lock_guard lock(mutex_);
+        if (stopping_) {
+          ::close(client);
+          return;
+        }
+        client_ = client;
+      }
+      // The request line and headers; the agent's first request has no body.
+      std::string head;
+      char buffer[4096];
+      ssize_t n;
+      while (head.find("\r\n\r\n") == std::string::npos &&
+             (n = ::recv(client, buffer, sizeof buffer, 0)) > 0) {
+        head.append(buffer, static_cast<std::size_t>(n));
+      }
       {
         std::lock_guard lock(mutex_);
         heads_.push_back(std::move(head));
       }
-      Connection connection(client, wake_[0]);
+      Connection connection(client);
       script_(connection);
-      ::close(client);
       std::lock_guard lock(mutex_);
-      bytesSent_ += connection.bytesSent();
+      ::close(client);
+      client_ = -1;
+      bytesSent_ += connection.sent;
       ++served_;
       served_cv_.notify_all();
     }
   }
 
-  // The request line and headers; the agent's first request has no body.
-  std::string readHead(int client) {
-    std::string head;
-    char buffer[4096];
-    while (head.find("\r\n\r\n") == std::string::npos) {
-      pollfd fds[2] = {{wake_[0], POLLIN, 0}, {client, POLLIN, 0}};
-      if (::poll(fds, 2, 10'000) <= 0 || fds[0].revents != 0) break;
-      const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
-      if (n <= 0) break;
-      head.append(buffer, static_cast<std::size_t>(n));
-    }
-    return head;
-  }
-
   Script script_;
   int listener_ = -1;
-  int wake_[2] = {-1, -1};
   int port_ = 0;
   std::thread thread_;
   mutable std::mutex mutex_;
   std::condition_variable served_cv_;
+  bool stopping_ = false;
+  int client_ = -1;
   std::vector<std::string> heads_;
   std::size_t served_ = 0;
   std::size_t bytesSent_ = 0;

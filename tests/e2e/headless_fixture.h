@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <chrono>
@@ -14,17 +13,12 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/e2e/child_process.h"
 #include "tools/chatdb-gen/chat_db_builder.h"
-#include "tests/support/temp_dir.h"
-#include "tests/support/text_file.h"
 
 namespace corvane::e2e {
 
@@ -42,16 +36,8 @@ using Stream = ChildProcess::Stream;
 inline constexpr std::int64_t kDayMs = 86'400'000;
 inline const std::string kToken = "e2e-device-token";
 inline const std::string kAlex = "+14155550100";
-inline const std::string kSam = "sam@example.org";
 inline const std::string kStranger = "+14155550777";
-inline const std::string kQuiet = "+14155550333";
-inline const std::string kInterrupted = "interrupted before send completed";
 inline const std::string kConfigRequest = "GET /api/agent/config";
-
-inline std::int64_t wallClockMs() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 // The messages of the log, each without its "[time] " prefix.
 inline std::vector<std::string> logMessages(const std::string& err) {
@@ -67,15 +53,6 @@ inline std::vector<std::string> logMessages(const std::string& err) {
 
 inline bool hasLine(const std::vector<std::string>& lines, const std::string& wanted) {
   return std::find(lines.begin(), lines.end(), wanted) != lines.end();
-}
-
-inline std::vector<std::string> linesStartingWith(const std::vector<std::string>& lines,
-                                                  const std::string& prefix) {
-  std::vector<std::string> out;
-  for (const auto& l : lines) {
-    if (l.starts_with(prefix)) out.push_back(l);
-  }
-  return out;
 }
 
 // Everything below a directory, as relative paths.
@@ -98,7 +75,7 @@ class DevServer {
  public:
   DevServer(const std::string& binary, std::vector<std::string> args,
             const std::vector<std::string>& environment)
-      : process_(binary, withFreePort(std::move(args)), environment) {
+      : process_(binary, (args.insert(args.begin(), {"--port", "0"}), args), environment) {
     if (process_.waitFor(Stream::out, "\n")) {
       const std::string out = process_.out();
       url_ = out.substr(0, out.find('\n'));
@@ -130,9 +107,9 @@ class DevServer {
     return process_.waitFor(Stream::out, "] " + request + " ", count);
   }
 
-  // The request log with every request answered so far: a request's line is
-  // written before its answer but reaches the test through a pipe, so a
-  // request of our own marks the point to wait for.
+  // The request log with every request answered so far: a line may reach the
+  // file after the agent has its answer, so a request of our own marks the
+  // point to wait for.
   std::string log() {
     static const std::string kStateRequest = "GET /dev/state";
     const std::size_t before = requestsSeen(kStateRequest);
@@ -142,11 +119,6 @@ class DevServer {
   }
 
  private:
-  static std::vector<std::string> withFreePort(std::vector<std::string> args) {
-    args.insert(args.begin(), {"--port", "0"});
-    return args;
-  }
-
   ChildProcess process_;
   std::string url_;
 };
@@ -195,11 +167,6 @@ class HeadlessE2E : public ::testing::Test {
     return env;
   }
 
-  std::vector<std::string> headless(std::vector<std::string> args) const {
-    args.insert(args.begin(), "--headless");
-    return args;
-  }
-
   // A once cycle's arguments against `server`.
   std::vector<std::string> cycleArgs(const std::string& server, std::vector<std::string> extra = {},
                                      const std::string& token = kToken) const {
@@ -210,32 +177,29 @@ class HeadlessE2E : public ::testing::Test {
     return args;
   }
 
+  // A run to its end; `prefix`, when given, is a program that runs the agent
+  // (with its path and arguments after the prefix's own).
   AgentRun corvane(const std::vector<std::string>& args,
-                   std::optional<std::string> envToken = std::nullopt) const {
-    return finish(
-        ChildProcess(corvane_.string(), headless(args), environment(std::move(envToken))));
-  }
-
-  // A run whose child changes its limits or namespaces first; see
-  // ChildProcess::BeforeExec for what `beforeExec` may do.
-  AgentRun corvane(const std::vector<std::string>& args, const ChildProcess::BeforeExec& beforeExec,
-                   std::chrono::milliseconds timeout = std::chrono::seconds(20)) const {
-    return finish(ChildProcess(corvane_.string(), headless(args), environment(), beforeExec),
-                  timeout);
-  }
-
-  static AgentRun finish(ChildProcess&& child,
-                         std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+                   std::optional<std::string> envToken = std::nullopt,
+                   std::vector<std::string> prefix = {}) const {
+    auto child = startCorvane(args, std::move(envToken), std::move(prefix));
     AgentRun run;
-    run.status = child.wait(timeout);
-    run.out = child.out();
-    run.err = child.spawnError() + child.err();
-    run.peakKiB = child.peakResidentKiB();
+    run.status = child->wait();
+    run.out = child->out();
+    run.err = child->spawnError() + child->err();
+    run.peakKiB = child->peakResidentKiB();
     return run;
   }
 
-  std::unique_ptr<ChildProcess> startCorvane(const std::vector<std::string>& args) const {
-    return std::make_unique<ChildProcess>(corvane_.string(), headless(args), environment());
+  std::unique_ptr<ChildProcess> startCorvane(const std::vector<std::string>& args,
+                                             std::optional<std::string> envToken = std::nullopt,
+                                             std::vector<std::string> prefix = {}) const {
+    prefix.push_back(corvane_.string());
+    prefix.push_back("--headless");
+    prefix.insert(prefix.end(), args.begin(), args.end());
+    const std::string binary = prefix.front();
+    prefix.erase(prefix.begin());
+    return std::make_unique<ChildProcess>(binary, prefix, environment(std::move(envToken)));
   }
 
   std::unique_ptr<DevServer> devServer(std::vector<std::string> args) const {
@@ -259,7 +223,9 @@ class HeadlessE2E : public ::testing::Test {
     return db.message(chat, MessageSpec{.text = text, .dateMs = now_ - ageMs});
   }
 
-  const std::int64_t now_ = wallClockMs();
+  const std::int64_t now_ = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                std::chrono::system_clock::now().time_since_epoch())
+                                .count();
   TempDir tmp_;
   fs::path corvane_, devserver_;
 };

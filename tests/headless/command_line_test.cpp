@@ -37,15 +37,5 @@ TEST(CommandLineTest, ProgramNameIsNotAnArgument) {
   EXPECT_TRUE(args.flag("--once"));
 }
 
-TEST(CommandLineTest, UsageTextKeepsItsShape) {
-  const std::string usage = kUsageText;
-  EXPECT_TRUE(usage.starts_with("Usage: Corvane --headless [--once] [--chat-db PATH]"));
-  EXPECT_TRUE(usage.ends_with("  --contacts    use Contacts names (off by default in headless mode)"));
-  EXPECT_EQ(std::count(usage.begin(), usage.end(), '\n'), 12);
-  // Deliberately undocumented in the option list.
-  EXPECT_EQ(usage.find("  --region "), std::string::npos);
-  EXPECT_EQ(usage.find("  --status "), std::string::npos);
-}
-
 }  // namespace
 }  // namespace corvane
