@@ -153,24 +153,24 @@ class FileTokenStoreTest : public ::testing::Test {
   FileTokenStore store_{dir_};
 };
 
+// However the directory came to exist, it ends up the user's alone.
 TEST_F(FileTokenStoreTest, TokenFileIsPrivateInPrivateDirectories) {
-  const mode_t oldMask = ::umask(022);
-  const bool saved = store_.save(key, "tok");
-  ::umask(oldMask);
-  ASSERT_TRUE(saved);
-  EXPECT_EQ(modeOf(dir_ / "device-token"), 0600u);
-  EXPECT_EQ(modeOf(dir_), 0700u);
-  EXPECT_EQ(modeOf(dir_.parent_path()), 0700u);
-  // Only the token file: no temporary copy of the token is left beside it.
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1);
-}
-
-TEST_F(FileTokenStoreTest, ExistingDirectoryIsMadePrivate) {
-  fs::create_directories(dir_);
-  fs::permissions(dir_, fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read |
-                            fs::perms::group_exec | fs::perms::others_exec);
-  ASSERT_TRUE(store_.save(key, "tok"));
-  EXPECT_EQ(modeOf(dir_), 0700u);
+  for (const bool existed : {false, true}) {
+    SCOPED_TRACE(existed ? "existing directory" : "new directory");
+    fs::remove_all(dir_.parent_path());
+    const mode_t oldMask = ::umask(022);
+    if (existed) fs::create_directories(dir_);
+    const bool saved = store_.save(key, "tok");
+    ::umask(oldMask);
+    ASSERT_TRUE(saved);
+    EXPECT_EQ(modeOf(dir_ / "device-token"), 0600u);
+    EXPECT_EQ(modeOf(dir_), 0700u);
+    if (!existed) {
+      EXPECT_EQ(modeOf(dir_.parent_path()), 0700u);
+    }
+    // Only the token file: no temporary copy of the token is left beside it.
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1);
+  }
 }
 
 TEST_F(FileTokenStoreTest, FileThatIsNotUTF8IsNoToken) {

@@ -144,29 +144,30 @@ TEST_F(AppleScriptSenderTest, FallsBackToSMSWhenIMessageFails) {
   EXPECT_TRUE(logs[0].starts_with("iMessage failed for " + kAlex + " (")) << logs[0];
 }
 
-TEST_F(AppleScriptSenderTest, BothServicesFailingCombinesTheReasons) {
-  results = {{1, "", "first problem"}, {1, "", ""}};
-  const auto result = sender().send(kAlex, "hi");
-  EXPECT_FALSE(result.ok);
-  EXPECT_FALSE(result.verified);
-  EXPECT_EQ(result.error, "iMessage: " + Osascript::explain("first problem") +
-                              "; SMS: " + Osascript::explain(""));
-}
-
-TEST_F(AppleScriptSenderTest, NoSMSFallbackForEmailOrRefusedAutomation) {
-  struct Case {
-    std::string handle, stderrText;
+// SMS is tried only for a phone number and a failure other than refused
+// automation; when it fails too, both reasons are given.
+TEST_F(AppleScriptSenderTest, FailedSends) {
+  const struct {
+    std::string handle;
+    std::vector<OsascriptResult> results;
+    std::string error;
+  } cases[] = {
+      {kAlex, {{1, "", "first problem"}, {1, "", ""}},
+       "iMessage: " + Osascript::explain("first problem") + "; SMS: " + Osascript::explain("")},
+      {"alex@example.org", {{1, "", "some failure"}}, Osascript::explain("some failure")},
+      {kAlex, {{1, "", kAutomationStderr}}, Osascript::explain(kAutomationStderr)},
   };
-  const Case cases[] = {{"alex@example.org", "some failure"}, {kAlex, kAutomationStderr}};
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.error);
     runs.clear();
     logs.clear();
-    results = {{1, "", c.stderrText}};
+    results = c.results;
     const auto result = sender().send(c.handle, "hi");
-    EXPECT_EQ(runs.size(), 1u) << c.handle;
-    EXPECT_TRUE(logs.empty()) << c.handle;
     EXPECT_FALSE(result.ok);
-    EXPECT_EQ(result.error, Osascript::explain(c.stderrText));
+    EXPECT_FALSE(result.verified);
+    EXPECT_EQ(result.error, c.error);
+    EXPECT_EQ(runs.size(), c.results.size());
+    EXPECT_EQ(logs.size(), c.results.size() - 1);
   }
 }
 

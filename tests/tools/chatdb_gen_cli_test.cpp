@@ -1,7 +1,6 @@
 // The chatdb-gen command line: parsing, the run in-process, and the real
 // executable once end to end.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +10,7 @@
 #include <sstream>
 
 #include "core/chatdb/chat_db.h"
+#include "tests/e2e/child_process.h"
 #include "tests/support/temp_dir.h"
 #include "tools/chatdb-gen/cli.h"
 
@@ -163,32 +163,26 @@ TEST(RunCommandLineTest, RosterLinesJsonAndRosterOnlyAgree) {
 TEST(ChatDbGenExecutableTest, HelpWriteAndRefuse) {
   const char* bin = std::getenv("CORVANE_TEST_BIN_DIR");
   if (bin == nullptr) GTEST_SKIP() << "run through ctest";
-  const std::string exe = std::string(bin) + "/chatdb-gen";
-  ASSERT_TRUE(std::filesystem::exists(exe)) << exe;
   TempDir dir;
-  const auto shell = [&](const std::string& args) {
-    const std::string command =
-        "'" + exe + "' " + args + " >'" + dir.file("out") + "' 2>'" + dir.file("err") + "'";
-    const int status = std::system(command.c_str());
-    std::ifstream out(dir.file("out")), err(dir.file("err"));
-    return Outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-                   std::string(std::istreambuf_iterator<char>(out), {}),
-                   std::string(std::istreambuf_iterator<char>(err), {})};
+  const auto exec = [&](std::vector<std::string> args) {
+    corvane::testing::ChildProcess child(std::string(bin) + "/chatdb-gen", std::move(args), {});
+    const auto status = child.wait();
+    return Outcome{status && status->exited ? status->code : -1, child.out(), child.err()};
   };
 
-  const Outcome help = shell("--help");
+  const Outcome help = exec({"--help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_EQ(help.out, usageText());
 
   const std::string path = dir.file("chat.db");
   const Outcome written =
-      shell("--messages 200 --chats 10 --groups 2 --print-roster 3 '" + path + "'");
+      exec({"--messages", "200", "--chats", "10", "--groups", "2", "--print-roster", "3", path});
   EXPECT_EQ(written.status, 0) << written.err;
   EXPECT_EQ(lines(written.out).size(), 3u);
   EXPECT_EQ(ChatDB::checkAccess(path).maxRowId, 200);
 
-  EXPECT_EQ(shell("--messages 200 '" + path + "'").status, 1);  // no --force
-  EXPECT_EQ(shell("--no-such-option '" + path + "'").status, 64);
+  EXPECT_EQ(exec({"--messages", "200", path}).status, 1);  // no --force
+  EXPECT_EQ(exec({"--no-such-option", path}).status, 64);
 }
 
 }  // namespace

@@ -37,18 +37,16 @@ std::int64_t countRows(SQLiteDB& db, const std::string& sql) {
   return db.query(sql).at(0).at(0).int64().value_or(-1);
 }
 
-// Chat id → handle for every one-to-one chat except the notes-to-self chat.
-ChatDB::ChatMap otherPeoplesChats(ChatDB& db, const std::set<std::string>& own) {
+// What the agent extracts from the one-to-one chats of other people (all
+// but the notes-to-self chat).
+auto extract(ChatDB& db, const GeneratorOptions& o) {
+  const auto ownList = ChatDB::ownHandles(o.ownHandles, "US", 20);
+  const std::set<std::string> own(ownList.begin(), ownList.end());
   ChatDB::ChatMap chats;
   for (const auto& chat : db.oneToOneChats()) {
     if (chat.handle && !own.contains(*chat.handle)) chats[chat.chatId] = *chat.handle;
   }
-  return chats;
-}
-
-std::set<std::string> normalizedOwnHandles(const GeneratorOptions& o) {
-  const auto own = ChatDB::ownHandles(o.ownHandles, "US", 20);
-  return {own.begin(), own.end()};
+  return db.messagesAfter(chats, 0, db.maxRowId());
 }
 
 class GeneratedDbTest : public ::testing::Test {
@@ -119,8 +117,7 @@ TEST_F(GeneratedDbTest, ExtractionFindsWhatTheGeneratorWrote) {
   const GeneratorOptions o = smallOptions();
   const GenerationSummary s = generate(o);
   ChatDB db(path, "US");
-  const auto messages =
-      db.messagesAfter(otherPeoplesChats(db, normalizedOwnHandles(o)), 0, db.maxRowId());
+  const auto messages = extract(db, o);
 
   // Non-message items are the only rows extraction drops.
   EXPECT_EQ(static_cast<std::int64_t>(messages.size()), s.oneToOne.rows - s.oneToOne.events);
@@ -157,8 +154,7 @@ TEST_F(GeneratedDbTest, TextsOnlyInAttributedBodyExtractToText) {
   const GenerationSummary s = generate(o);
   ChatDB db(path, "US");
   std::map<std::string, std::string> textByGuid;
-  for (const auto& m :
-       db.messagesAfter(otherPeoplesChats(db, normalizedOwnHandles(o)), 0, db.maxRowId())) {
+  for (const auto& m : extract(db, o)) {
     textByGuid[m.message.guid] = m.message.text;
   }
 
@@ -180,13 +176,7 @@ TEST_F(GeneratedDbTest, TextsOnlyInAttributedBodyExtractToText) {
 TEST_F(GeneratedDbTest, ZeroSharesLeaveTheirKindOut) {
   GeneratorOptions o = smallOptions();
   o.reactions = o.attachments = o.replies = o.bodyOnly = 0;
-  const GenerationSummary s = generate(o);
-  for (const ChatCounts* c : {&s.oneToOne, &s.groups, &s.self}) {
-    EXPECT_EQ(c->reactions, 0);
-    EXPECT_EQ(c->withAttachments, 0);
-    EXPECT_EQ(c->replies, 0);
-    EXPECT_EQ(c->bodyOnly, 0);
-  }
+  generate(o);
   SQLiteDB raw(path, /*readOnly=*/true);
   EXPECT_EQ(countRows(raw, "SELECT COUNT(*) FROM message WHERE associated_message_type != 0"), 0);
   EXPECT_EQ(countRows(raw, "SELECT COUNT(*) FROM message WHERE thread_originator_guid IS NOT NULL"),
@@ -244,8 +234,7 @@ TEST_F(GeneratedDbTest, DatesFallInTheSpanAndRiseWithRowIds) {
       previous = date;
     }
     ChatDB db(path, "US");
-    for (const auto& m :
-         db.messagesAfter(otherPeoplesChats(db, normalizedOwnHandles(o)), 0, db.maxRowId())) {
+    for (const auto& m : extract(db, o)) {
       EXPECT_GE(m.sentAtMs, o.endMs - o.days * kDayMs - 1000);
       EXPECT_LE(m.sentAtMs, o.endMs);
     }
@@ -261,8 +250,7 @@ TEST_F(GeneratedDbTest, RosterIsTheMostActiveCorrespondents) {
   // Count each person's messages through extraction, iMessage and SMS together.
   ChatDB db(path, "US");
   std::map<std::string, std::int64_t> counts;
-  for (const auto& m :
-       db.messagesAfter(otherPeoplesChats(db, normalizedOwnHandles(o)), 0, db.maxRowId())) {
+  for (const auto& m : extract(db, o)) {
     if (!m.message.reaction) ++counts[m.message.handle];
   }
   std::vector<std::pair<std::int64_t, std::string>> ranked;
