@@ -33,12 +33,9 @@ TEST_F(HeadlessE2E, HelpAndAnInsecureServerEndTheRunBeforeAnythingRuns) {
     int code;
     std::string out, log;
   } cases[] = {
-      {{"--help"}, 0, usage, ""},
-      {{"-h"}, 0, usage, ""},
       {{"--server", "http://example.test", "--help"}, 0, usage, ""},
       {{"--pair", "ABCD", "--home", h, "-h"}, 0, usage, ""},
       {{"--once", "--token", "--help"}, 0, usage, ""},  // a value that is the flag still counts
-      {{"--server", "http://example.test", "--home", h}, 64, "", insecure},
       {{"--server", "http://example.test", "--home", h, "--pair", "ABCD"}, 64, "", insecure},
       {{"--server", "http://example.test", "--home", h, "--once", "--token", kToken, "--fake-send"},
        64, "", insecure},
