@@ -7,40 +7,25 @@
 namespace corvane {
 namespace {
 
-TEST(SetupTextsTest, SkippedSentenceJoinsNamesAndPicksThePronoun) {
-  struct Case {
-    std::vector<std::string> names;
-    std::string sentence;
-  };
-  const Case cases[] = {
-      {{}, ""},
-      {{"Automation"}, "Automation. Turn it on anytime from Setup\u2026 in the menu."},
-      {{"Automation", "Contacts"},
-       "Automation and Contacts. Turn them on anytime from Setup\u2026 in the menu."},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(SetupTexts::skippedPermissionsSentence(c.names), c.sentence) << c.names.size();
-  }
-}
-
-TEST(SetupTextsTest, SkippedPermissionsAreTheOnesLeftOffAndUndecided) {
+// The done step's sentence, as the window composes it.
+TEST(SetupTextsTest, SkippedPermissionsAreTheOnesLeftOffAndUndecidedWithThePronoun) {
   using S = PermissionState;
-  struct Case {
+  const std::string turnOn = " anytime from Setup\u2026 in the menu.";
+  const struct {
     S automation, contacts;
-    std::vector<std::string> names;
-  };
-  const Case cases[] = {
-      {S::granted, S::granted, {}},
-      {S::granted, S::denied, {}},  // the user answered: not a skip
-      {S::granted, S::unknown, {"Contacts"}},
-      {S::denied, S::granted, {"Automation"}},
-      {S::unknown, S::unknown, {"Automation", "Contacts"}},
+    std::string sentence;
+  } cases[] = {
+      {S::granted, S::granted, ""},
+      {S::granted, S::denied, ""},  // the user answered: not a skip
+      {S::granted, S::unknown, "Contacts. Turn it on" + turnOn},
+      {S::denied, S::granted, "Automation. Turn it on" + turnOn},
+      {S::unknown, S::unknown, "Automation and Contacts. Turn them on" + turnOn},
   };
   for (const auto& c : cases) {
     AppModel::Published p;
     p.automation = c.automation;
     p.contacts = c.contacts;
-    EXPECT_EQ(SetupTexts::skippedPermissions(p), c.names)
+    EXPECT_EQ(SetupTexts::skippedPermissionsSentence(SetupTexts::skippedPermissions(p)), c.sentence)
         << static_cast<int>(c.automation) << "/" << static_cast<int>(c.contacts);
   }
 }

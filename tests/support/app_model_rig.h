@@ -44,10 +44,7 @@ class FakeProbes final : public PermissionProbes {
   std::vector<std::string> panes;
   int fullDiskProbes = 0, automationRequests = 0, contactsRequests = 0;
 
-  FullDiskAccess probeFullDiskAccess(const std::string&) override {
-    ++fullDiskProbes;
-    return access;
-  }
+  FullDiskAccess probeFullDiskAccess(const std::string&) override { ++fullDiskProbes; return access; }
   std::optional<PermissionState> automationPermission() override { return automationAnswer; }
   AutomationRequest requestAutomation() override {
     ++automationRequests;
