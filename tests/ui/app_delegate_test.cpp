@@ -84,7 +84,7 @@ TEST_F(AppDelegateTest, LinksBeforeLaunchWaitAndAreHandledOnceInOrderAfterTheWin
   EXPECT_THAT(events, IsEmpty());
 }
 
-TEST_F(AppDelegateTest, TheWindowOpensAtLaunchOnlyForSetupAndAfterwardsForALinkOrAReopen) {
+TEST_F(AppDelegateTest, TheWindowOpensForSetupALinkOrAReopenAndClosingItLeavesTheDock) {
   delegate.launchFinished();
   EXPECT_THAT(events, ElementsAre("start"));
   events.clear();
@@ -99,17 +99,11 @@ TEST_F(AppDelegateTest, TheWindowOpensAtLaunchOnlyForSetupAndAfterwardsForALinkO
   needsSetup = true;
   AppDelegate firstLaunch{hooks(), policy, log};
   firstLaunch.launchFinished();
-  EXPECT_THAT(events, ElementsAre("start", "step", "regular", "window"));
-}
-
-TEST_F(AppDelegateTest, ClosingTheWindowStopsThePollAndLeavesTheDockUnlessAnotherWindowIsUp) {
-  delegate.setupWindowClosed();
-  EXPECT_THAT(events, ElementsAre("stop poll", "accessory"));
-
-  events.clear();
+  firstLaunch.setupWindowClosed();  // closed: the poll stops and the Dock icon goes,
   otherWindow = true;
-  delegate.setupWindowClosed();
-  EXPECT_THAT(events, ElementsAre("stop poll"));
+  firstLaunch.setupWindowClosed();  // unless another window is up
+  EXPECT_THAT(events, ElementsAre("start", "step", "regular", "window", "stop poll", "accessory",
+                                  "stop poll"));
 }
 
 TEST(AppDelegateReceivedLine, NamesSchemeAndHostAndNeverThePathOrQuery) {

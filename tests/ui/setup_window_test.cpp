@@ -5,7 +5,6 @@
 #include <QCheckBox>
 #include <QLineEdit>
 #include <QTest>
-#include <set>
 #include <utility>
 
 #include "app/model/setup_texts.h"
@@ -53,28 +52,6 @@ class SetupWindowTest : public ::testing::Test {
   const AppModel::Published& published() { return rig.published(); }
 };
 
-TEST_F(SetupWindowTest, EachStepShowsItsTitleBodyAndPlace) {
-  const std::pair<SetupStep, const char*> steps[] = {
-      {SetupStep::move, "Move Corvane to Applications"},
-      {SetupStep::connect, "Connect your account"},
-      {SetupStep::fullDisk, "Let Corvane read Messages"},
-      {SetupStep::automation, "Let Corvane send the texts you approve"},
-      {SetupStep::contacts, "Show names, not numbers"},
-      {SetupStep::done, "You're all set"}};
-  SetupWindow& w = preview();
-  EXPECT_EQ(w.size(), QSize(600, 580));
-  std::set<std::string> bodies;
-  for (const auto& [step, title] : steps) {
-    SCOPED_TRACE(title);
-    rig.model().setPreview({.step = step});
-    EXPECT_EQ(text(w, "stepTitle"), title);
-    EXPECT_TRUE(bodies.insert(text(w, "stepBody")).second) << "each step has a body of its own";
-    EXPECT_EQ(shown(w, "stepCaption"), step == SetupStep::fullDisk);
-    EXPECT_EQ(testing::child(w, "stepDots")->property("current").toInt(), static_cast<int>(step));
-    EXPECT_EQ(shown(w, "back"), step > SetupStep::connect);
-  }
-}
-
 TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
   using Step = SetupStep;
   struct Case {
@@ -85,24 +62,33 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
   };
   const Case cases[] = {
       {"connect: idle", {}, {"connectWithBrowser", "codeToggle"},
-       {"waitingForBrowser", "pairingError", "pendingLink", "connectedAs", "codeBox"}, {}},
-      {"automation: undecided", {.step = Step::automation}, {"allowSending", "skipAutomation"},
+       {"waitingForBrowser", "pairingError", "pendingLink", "connectedAs", "codeBox", "back"},
+       {{"stepTitle", "Connect your account"}}},
+      {"automation: undecided", {.step = Step::automation},
+       {"allowSending", "skipAutomation", "back"},
        {"automationBusy", "automationDenied", "openAutomationSettings", "checkAgain",
-        "automationGranted", "automationMessage"}, {}},
+        "automationGranted", "automationMessage", "stepCaption"},
+       {{"stepTitle", "Let Corvane send the texts you approve"}}},
       {"automation: no answer",
        {.automationMessage = "Messages didn't answer in time.", .step = Step::automation},
        {"allowSending", "automationMessage"}, {"automationDenied"},
        {{"automationMessage", "Messages didn't answer in time."}}},
       {"contacts: undecided", {.step = Step::contacts}, {"allowContacts", "skipContacts"},
-       {"contactsGranted", "contactsDenied", "openContactsSettings", "contactsContinue"}, {}},
+       {"contactsBusy", "contactsGranted", "contactsDenied", "openContactsSettings",
+        "contactsContinue"},
+       {{"stepTitle", "Show names, not numbers"}}},
+      {"contacts: the prompt is up", {.contactsBusy = true, .step = Step::contacts},
+       {"contactsBusy", "allowContacts"}, {"contactsGranted", "contactsDenied"}, {}},
       {"contacts: granted", {.contacts = S::granted, .step = Step::contacts},
        {"contactsGranted", "contactsContinue"}, {"allowContacts", "contactsDenied", "skipContacts"},
        {}},
       {"done: one skipped", {.contacts = S::granted, .step = Step::done},
        {"skippedPermissions", "launchAtLogin", "done", "openCorvane"}, {},
-       {{"skippedPermissions", SetupTexts::skippedPermissionsSentence({"Automation"})}}},
+       {{"skippedPermissions", SetupTexts::skippedPermissionsSentence({"Automation"})},
+        {"stepTitle", "You're all set"}}},
   };
   SetupWindow& w = preview();
+  EXPECT_EQ(w.size(), QSize(600, 580));
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     AppModel::Published p = c.state;
@@ -110,6 +96,7 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
     rig.model().setPreview(p);
     expectShown(w, c.visible, c.hidden);
     for (const auto& [name, expected] : c.texts) EXPECT_EQ(text(w, name), expected) << name;
+    EXPECT_EQ(enabled(w, "allowContacts"), !p.contactsBusy);  // not asked twice
   }
 }
 
@@ -118,12 +105,14 @@ TEST_F(SetupWindowTest, AFailedMoveIsExplainedThenConnectWaitsForTheBrowserOrPai
   rig.relocator.inApplications = false;
   rig.relocator.moveFailure = "The volume is read-only";
   SetupWindow& w = open();
+  EXPECT_EQ(text(w, "stepTitle"), "Move Corvane to Applications");
   EXPECT_FALSE(shown(w, "moveError"));
   click(w, "moveToApplications");
   EXPECT_EQ(rig.relocator.moves, 1);
   EXPECT_EQ(text(w, "moveError"), SetupTexts::moveFailed("The volume is read-only"));
   EXPECT_TRUE(shown(w, "moveError"));
   click(w, "notNow");
+  EXPECT_TRUE(rig.defaults.getBool(DefaultsKey::skippedMove));  // not offered again
 
   EXPECT_EQ(text(w, "stepTitle"), "Connect your account");
   click(w, "connectWithBrowser");
@@ -178,7 +167,9 @@ TEST_F(SetupWindowTest, TheStepsAfterConnecting) {
   rig.probes.contactsAfterRequest = S::denied;
   SetupWindow& w = open();
   ASSERT_EQ(published().step, SetupStep::fullDisk);
-  expectShown(w, {"fullDiskInstruction"}, {"fullDiskWaiting", "fullDiskGranted"});
+  EXPECT_EQ(text(w, "stepTitle"), "Let Corvane read Messages");
+  expectShown(w, {"fullDiskInstruction", "stepCaption", "back"},
+              {"fullDiskWaiting", "fullDiskGranted"});
   click(w, "openFullDiskSettings");
   EXPECT_TRUE(shown(w, "fullDiskWaiting"));
   click(w, "revealApplication");  // the executable when there is no bundle

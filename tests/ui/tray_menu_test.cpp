@@ -51,21 +51,11 @@ class TrayMenuTest : public ::testing::Test {
   }
 };
 
-AppModel::Published syncing() {
-  AppModel::Published p;
-  p.connected = true;
-  p.userName = "Alex Rivera";
-  p.fullDiskAccess = true;
-  p.rosterCount = 12;
-  p.now = 1'700'000'600'000;
-  p.lastSyncAt = p.now - 5 * 60'000;
-  return p;
-}
-
 TEST_F(TrayMenuTest, ItemsInEachState) {
-  auto paused = syncing();
-  paused.paused = true;
-  auto updateOffered = syncing();
+  const AppModel::Published paused{.connected = true, .userName = "Alex Rivera",
+                                   .fullDiskAccess = true, .paused = true};
+  AppModel::Published updateOffered = paused;
+  updateOffered.paused = false;
   updateOffered.phase = SyncPhase::error("Sync problem \u2014 retrying");
   updateOffered.availableVersion = "1.4.0";
   updateOffered.canCheckForUpdates = true;
