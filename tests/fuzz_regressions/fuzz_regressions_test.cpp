@@ -18,8 +18,7 @@ using SelfChannel::normalizeForMatch;
 // An empty value was read on into the rest of the query, so
 // "code=&server=" gave the code "&server=".
 TEST(ConnectLinkFuzzRegression, EmptyValueStaysEmpty) {
-  EXPECT_EQ(ConnectLink::parse(ConnectLink::make("", "")), std::nullopt);
-  EXPECT_EQ(ConnectLink::parse("corvane://connect?code=&server="), std::nullopt);
+  EXPECT_EQ(ConnectLink::parse(ConnectLink::make("", "")), std::nullopt);  // "code=&server="
   EXPECT_EQ(ConnectLink::parse("corvane://connect?code=&x=ABCDEF"), std::nullopt);
   EXPECT_EQ(ConnectLink::parse("corvane://connect?code=&code=WXYZ"), std::nullopt);
 }
@@ -87,7 +86,6 @@ TEST(WireJsonFuzzRegression, NumberBeyondDoubleRangeIsADecodingError) {
       EXPECT_EQ(std::string(e.what()), "not valid JSON (a number is out of range)") << text;
     }
     EXPECT_THROW(decodeJSON<SelfMessageResponse>(text), DecodingError) << text;
-    EXPECT_THROW(decodeJSON<ErrorBody>(text), DecodingError) << text;
   }
 }
 

@@ -8,11 +8,6 @@
 namespace corvane {
 namespace {
 
-TEST(IsoStringTest, FormatsUTCWithMilliseconds) {
-  EXPECT_EQ(isoString(-1001), "1969-12-31T23:59:58.999Z");
-  EXPECT_EQ(isoString(1700000000123), "2023-11-14T22:13:20.123Z");
-}
-
 // Dates are formatted by arithmetic; the C library's calendar is the
 // reference, across leap days, century years and both ends of the range.
 TEST(IsoStringTest, AgreesWithTheCLibraryCalendar) {
@@ -33,7 +28,7 @@ TEST(IsoStringTest, AgreesWithTheCLibraryCalendar) {
   const std::int64_t edges[] = {kFirst,        kFirst + 1,    kFirst - 1,     kLast,
                                 kLast - 1,     kLast + 1,     -2208988800001, 951868799999,
                                 4107542400000, 4107456000000, -86400000,      86399999,
-                                -1,            -1000,         0,              951782400000};
+                                -1,            -1000,         -1001,          951782400000};
   for (const std::int64_t ms : edges) EXPECT_EQ(isoString(ms), reference(ms)) << ms;
   // About every 37 days and an odd number of milliseconds, over all ten millennia.
   for (std::int64_t ms = kFirst; ms <= kLast; ms += 3196801237) {

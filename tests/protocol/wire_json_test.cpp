@@ -64,13 +64,12 @@ TEST(WireJSONTest, EveryRecordDecodesWhatItEncodes) {
   expectRoundTrip(PairRequest{"ABC123", "Kim's Mac", "macOS 14.5", "mac-0.1.0"});
   expectRoundTrip(PairResponse{"tok", "dev-1", "Kim"});
   expectRoundTrip(AgentConfig{1, {"+1555", "a@b.test"}, 30, 14, 60, {true, {"me"}}, "free"});
-  expectRoundTrip(SyncRequest{{fullEntry()},
-                              {plainMessage(), SyncedMessage{"g2", "h", "t\n\"q\" ✓", true, "s", "SMS",
-                                                             {AttachmentKind::video,
-                                                              AttachmentKind::audio,
-                                                              AttachmentKind::sticker},
-                                                             "Liked", "g1"}},
-                              9007199254740993});
+  const std::vector<AttachmentKind> kinds = {AttachmentKind::video, AttachmentKind::audio,
+                                             AttachmentKind::sticker};
+  expectRoundTrip(SyncRequest{
+      {fullEntry()},
+      {plainMessage(), SyncedMessage{"g2", "h", "t\n\"q\" ✓", true, "s", "SMS", kinds, "Liked", "g1"}},
+      9007199254740993});
   expectRoundTrip(OutboxResponse{{{"1", "h", "t", OutboxItem::Kind::user},
                                   {"2", "me", "reply", OutboxItem::Kind::assistant}}});
   expectRoundTrip(OutboxAck{SendStatus::failed, "timeout"});
@@ -94,9 +93,7 @@ TEST(WireJSONTest, MissingOrNullOptionalsDecodeAsAbsent) {
 
   EXPECT_EQ(decodeJSON<ErrorBody>("{}"), ErrorBody{});
   EXPECT_EQ(decodeJSON<OutboxAck>(R"({"status":"sent"})"), (OutboxAck{SendStatus::sent, {}}));
-}
-
-TEST(WireJSONTest, MessageWithoutAttachmentsKeyHasNone) {
+  // A message without attachments, whichever way the key says so.
   for (const char* attachments : {"", R"(,"attachments":null)", R"(,"attachments":[])"}) {
     const std::string text = std::string(R"({"guid":"g","handle":"h","text":"t","isFromMe":true,)"
                                          R"("sentAt":"s","service":"iMessage")") +
