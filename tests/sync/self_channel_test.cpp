@@ -9,19 +9,12 @@
 namespace corvane {
 namespace {
 
-using SelfChannel::Decision;
 using SelfChannel::SkipReason;
 
 constexpr std::int64_t kNow = 1'700'000'000'000;
 
 ChatDB::SelfRow row(std::int64_t rowid, std::string text, std::int64_t sentAtMs) {
   return {rowid, "guid-" + std::to_string(rowid), std::move(text), true, sentAtMs, 0};
-}
-
-std::vector<std::optional<SkipReason>> reasons(const std::vector<Decision>& decisions) {
-  std::vector<std::optional<SkipReason>> out;
-  for (const auto& d : decisions) out.push_back(d.reason);
-  return out;
 }
 
 TEST(SelfChannelTest, NormalizeForMatchFoldsWhatMessagesChanges) {
@@ -98,12 +91,14 @@ TEST(SelfChannelTest, PlanTreatsEarlierPostsOfTheSamePlanAsPosted) {
           row(7, "reply", t + 1'000),
       },
       {{"reply", t - 600'000}}, {}, kNow);
-  EXPECT_EQ(reasons(decisions),
-            (std::vector<std::optional<SkipReason>>{std::nullopt, SkipReason::duplicate,
-                                                    std::nullopt, SkipReason::tooOld, std::nullopt,
-                                                    SkipReason::echo, std::nullopt}));
-  for (std::size_t i = 0; i < decisions.size(); ++i)
+  const std::optional<SkipReason> expected[] = {std::nullopt, SkipReason::duplicate, std::nullopt,
+                                                SkipReason::tooOld, std::nullopt, SkipReason::echo,
+                                                std::nullopt};
+  ASSERT_EQ(decisions.size(), std::size(expected));
+  for (std::size_t i = 0; i < decisions.size(); ++i) {
+    EXPECT_EQ(decisions[i].reason, expected[i]) << i;
     EXPECT_EQ(decisions[i].row.rowid, static_cast<std::int64_t>(i + 1));
+  }
 }
 
 TEST(SelfChannelDeathTest, OverflowingTimeDifferenceIsFatal) {

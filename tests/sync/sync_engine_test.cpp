@@ -102,13 +102,7 @@ TEST_F(SyncCycleTest, LaterCyclesUploadOnlyNewRosterRowsAndUnchangedDirectorySta
   ASSERT_EQ(api->syncs.size(), 1u);
   // Alex's entry changed (new last message); the stranger's is new too.
   EXPECT_EQ(api->syncs[0].directory.size(), 2u);
-  EXPECT_EQ(result.sync.backfilled, 0);
-
-  api->syncs.clear();
-  now += 60000;
-  const CycleResult idle = cycle();
-  EXPECT_TRUE(api->syncs.empty()) << "nothing new: no upload at all";
-  EXPECT_EQ(idle.sync.batches, 0);
+  EXPECT_EQ(result.sync.backfilled, 0) << "Alex was backfilled once, on the first run";
   EXPECT_EQ(store->state().cursor, top);
 }
 
@@ -144,8 +138,8 @@ TEST_F(SyncCycleTest, DirectoryIsSentInFullEverySixHours) {
   api->syncs.clear();
 
   now = kNow + SyncEngine::directoryFullRefreshMs - 1;
-  cycle();
-  EXPECT_TRUE(api->syncs.empty());
+  EXPECT_EQ(cycle().sync.batches, 0);
+  EXPECT_TRUE(api->syncs.empty()) << "nothing new: no upload at all";
 
   now = kNow + SyncEngine::directoryFullRefreshMs;
   const CycleResult result = cycle();
@@ -170,10 +164,6 @@ TEST_F(SyncCycleTest, HandleAddedToTheRosterLaterIsBackfilledOnce) {
   EXPECT_EQ(result.sync.backfilled, 1);
   EXPECT_EQ(store->state().backfilled, (std::vector<std::string>{kAlex, kSam}));
   EXPECT_EQ(store->state().cursor, fresh);
-
-  api->syncs.clear();
-  cycle();
-  EXPECT_TRUE(api->uploadedMessages().empty()) << "backfill happens once";
 }
 
 TEST_F(SyncCycleTest, LargeUploadsGoInPairedBatches) {
@@ -270,7 +260,9 @@ TEST_F(SyncCycleTest, HandledItemsAreReackedNotResentAndOldAcknowledgedRecordsGo
   EXPECT_TRUE(store->state().outboxDone[0].acked);
 }
 
-TEST_F(SyncCycleTest, FailedAckIsWarnedAndRetriedNextCycle) {
+// Offered again, it is re-acked, not re-sent: see
+// HandledItemsAreReackedNotResentAndOldAcknowledgedRecordsGo ("cut").
+TEST_F(SyncCycleTest, FailedAckIsWarnedAndLeftUnacknowledged) {
   api->outbox = {{"a b/c", kAlex, "hello", OutboxItem::Kind::user}};
   api->failWith = [](Call c) -> std::optional<APIError> {
     if (c == Call::ack) return APIError::network("Can't reach example.test (timed out)");
@@ -279,14 +271,8 @@ TEST_F(SyncCycleTest, FailedAckIsWarnedAndRetriedNextCycle) {
   cycle();
   EXPECT_TRUE(log->contains("warn: couldn't ack outbox a b/c (Can't reach example.test (timed out)); "
                             "will retry next cycle"));
-  EXPECT_FALSE(store->state().outboxDone[0].acked);
-
-  api->failWith = nullptr;
-  const CycleResult second = cycle();
-  EXPECT_EQ(sender->sent.size(), 1u);
-  EXPECT_EQ(second.outbox.reacked, 1);
-  EXPECT_EQ(api->acks.back().second, (OutboxAck{SendStatus::sent, std::nullopt}));
-  EXPECT_TRUE(store->state().outboxDone[0].acked);
+  EXPECT_EQ(store->state().outboxDone.at(0),
+            (OutboxDone{"a b/c", SendStatus::sent, std::nullopt, kNow, false}));
 }
 
 TEST_F(SyncCycleTest, DryRunReadsEverythingAndChangesNothing) {
@@ -303,11 +289,8 @@ TEST_F(SyncCycleTest, DryRunReadsEverythingAndChangesNothing) {
 
   const CycleResult result = cycle();
   EXPECT_EQ(store->state(), before);
-  EXPECT_TRUE(api->syncs.empty());
-  EXPECT_TRUE(api->acks.empty());
-  EXPECT_TRUE(api->selfPosts.empty());
   EXPECT_TRUE(sender->sent.empty());
-  EXPECT_EQ(api->calls, (std::vector<Call>{Call::config, Call::outbox}));
+  EXPECT_EQ(api->calls, (std::vector<Call>{Call::config, Call::outbox})) << "no upload, ack or post";
   EXPECT_EQ(result.selfStats.posted, 1);
   // Alex's chat only: the self chat is the user's own and stays out of the directory.
   EXPECT_TRUE(log->contains("info: [dry-run] would sync 1 directory entries (full refresh) and 1 "
