@@ -278,21 +278,6 @@ TEST_F(AppModelTest, WhatIsNotAConnectLinkChangesNothingAndWhenConnectedALinkWai
   EXPECT_TRUE(rig.pairings().empty());
 }
 
-TEST_F(AppModelTest, DisconnectForgetsTheTokenAndSaysWhy) {
-  rig.pairedBefore();
-  rig.defaults.setString(DefaultsKey::deviceId, "dev-0");
-  rig.start();
-  rig.model().disconnect("Bye.");
-  const auto& p = rig.published();
-  EXPECT_FALSE(p.connected);
-  EXPECT_EQ(p.phase, SyncPhase::error("Bye."));
-  EXPECT_EQ(p.pairing, PairingState::idle());
-  EXPECT_EQ(rig.tokens.load(TokenStore::deviceTokenKey), std::nullopt);
-  EXPECT_FALSE(rig.defaults.getString(DefaultsKey::deviceId));
-  rig.model().disconnect();
-  EXPECT_EQ(p.phase, SyncPhase::idle());
-}
-
 // Permissions.
 
 TEST_F(AppModelTest, FullDiskPollAdvancesOnceAccessIsOnAndStopsWithTheWindow) {

@@ -198,10 +198,8 @@ class AppModelRig {
 
   // Runs worker jobs and everything they post until nothing is left.
   void settle() {
-    do {
-      scheduler.runPending();
-    } while (manualWorker.runOne());
-    scheduler.runPending();
+    do scheduler.runPending();
+    while (manualWorker.runOne());
   }
 
   std::vector<MadeAPI> made() const {

@@ -28,9 +28,7 @@ class VirtualScheduler final : public MainScheduler {
   explicit VirtualScheduler(std::int64_t startMs = 1'700'000'000'000) : nowMs_(startMs) {}
 
   std::int64_t nowMs() const { return nowMs_; }
-  std::function<std::int64_t()> clock() {
-    return [this] { return nowMs_.load(); };
-  }
+  std::function<std::int64_t()> clock() { return [this] { return nowMs_.load(); }; }
 
   void post(std::function<void()> work) override {
     std::lock_guard lock(postedMutex_);

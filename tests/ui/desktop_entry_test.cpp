@@ -72,8 +72,7 @@ TEST(DesktopEntryTest, TheExecLineGivesBackAnyPathAndTheLinkPlaceholder) {
 
 TEST(DesktopEntryTest, DeclaresTheLinkSchemeAndRefusesPathsWithLineBreaks) {
   const auto entry = DesktopEntry::text("/usr/bin/Corvane");
-  ASSERT_TRUE(entry);
-  EXPECT_THAT(*entry, HasSubstr("\nMimeType=x-scheme-handler/corvane;\n"));
+  ASSERT_TRUE(entry);  // its MimeType line is read back by TwoProcessesTest
   EXPECT_TRUE(entry->starts_with("[Desktop Entry]\n"));
   EXPECT_THAT(*entry, HasSubstr("\nType=Application\n"));
 

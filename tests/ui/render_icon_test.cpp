@@ -71,9 +71,7 @@ TEST(RenderIconTest, ABadSizeOrAnUnwritableFileFailsWithTheReason) {
   const std::string out = temp.file("icon.png"), nowhere = temp.file("missing-folder/icon.png");
   const struct {
     std::string file, size, reason;  // reason: part of the message
-  } cases[] = {{out, "12a", "\"12a\""},
-               {out, "8193", "8192"},
-               {nowhere, "32", "could not write " + nowhere}};
+  } cases[] = {{out, "12a", "\"12a\""}, {nowhere, "32", "could not write " + nowhere}};
   for (const auto& c : cases) {
     const auto run = runCorvane(temp, {"--render-icon", c.file, "--size", c.size});
     EXPECT_EQ(run.status, ExitStatus::exit(1)) << c.size;
