@@ -2,6 +2,7 @@
 // its sends (with a hook that runs during the send, e.g. to inspect state).
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -23,7 +24,11 @@ class RecordingLogger final : public SyncLogger {
     return lines_;
   }
   // True when some line contains `part`.
-  bool contains(const std::string& part) const;
+  bool contains(const std::string& part) const {
+    const auto all = lines();
+    return std::any_of(all.begin(), all.end(),
+                       [&](const std::string& l) { return l.find(part) != std::string::npos; });
+  }
 
  private:
   void add(std::string line) {
