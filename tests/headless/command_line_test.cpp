@@ -28,14 +28,5 @@ TEST(CommandLineTest, FlagsAndOptionValues) {
   }
 }
 
-TEST(CommandLineTest, ProgramNameIsNotAnArgument) {
-  char program[] = "--headless";
-  char once[] = "--once";
-  char* argv[] = {program, once};
-  const CommandLine args(2, argv);
-  EXPECT_FALSE(args.flag("--headless"));
-  EXPECT_TRUE(args.flag("--once"));
-}
-
 }  // namespace
 }  // namespace corvane

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <regex>
 
 #include "tests/support/temp_dir.h"
@@ -54,7 +53,6 @@ TEST(TrashTest, ItemGoesToFilesWithItsInfoRecord) {
   std::smatch m;
   ASSERT_TRUE(std::regex_match(info, m, form)) << info;
   EXPECT_EQ(m[1].str(), FreedesktopTrash::encodePath(bundle.string()));
-  EXPECT_NE(m[1].str().find("/old%20apps/Corvane.app"), std::string::npos);
   EXPECT_EQ(fs::status(trash.directory()).permissions() & fs::perms::all, fs::perms::owner_all);
 }
 

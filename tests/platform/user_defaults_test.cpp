@@ -88,11 +88,8 @@ TEST_F(JsonFileUserDefaultsTest, FileIsPrivateAndHoldsAJsonObject) {
   const bool saved = defaults_.setString(DefaultsKey::server, "https://example.org");
   ::umask(oldMask);
   ASSERT_TRUE(saved);
-  struct stat st {};
-  ASSERT_EQ(::stat(path_.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0600u);
-  ASSERT_EQ(::stat(path_.parent_path().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  EXPECT_EQ(fs::status(path_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(fs::status(path_.parent_path()).permissions(), fs::perms::owner_all);
   EXPECT_EQ(nlohmann::json::parse(*PrivateFile::read(path_)),
             (nlohmann::json{{"server", "https://example.org"}}));
 }
