@@ -30,6 +30,9 @@ TEST(XdgAutostartLoginItemTest, DefaultFoldersFollowXdgRules) {
   } cases[] = {
       {autostart, {{"HOME", "/home/ada"}}, "/home/ada/.config/autostart"},
       {autostart, {{"HOME", "/home/ada"}, {"XDG_CONFIG_HOME", "/cfg"}}, "/cfg/autostart"},
+      {autostart,
+       {{"HOME", "/home/ada"}, {"XDG_CONFIG_HOME", "cfg"}},
+       "/home/ada/.config/autostart"},
       {trash, {{"HOME", "/home/ada"}}, "/home/ada/.local/share/Trash"},
       {trash, {{"HOME", "/home/ada"}, {"XDG_DATA_HOME", "/data/ada"}}, "/data/ada/Trash"},
       {trash, {{"HOME", "/home/ada"}, {"XDG_DATA_HOME", "rel"}}, "/home/ada/.local/share/Trash"},
