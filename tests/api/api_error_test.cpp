@@ -42,8 +42,8 @@ TEST(HTTPStatusTextTest, RegisteredPhrasesAndClassFallbacks) {
     const char* text;
   };
   const Case cases[] = {
-      {100, "Continue"},       {200, "OK"},
-      {502, "Bad Gateway"},    {511, "Network Authentication Required"},
+      {200, "OK"},           {502, "Bad Gateway"},
+      {511, "Network Authentication Required"},
       {299, "Success"},        {419, "Client Error"},
       {599, "Server Error"},   {0, "Unknown Status"},
       {700, "Unknown Status"},
