@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstring>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -36,6 +37,14 @@ struct ExitStatus {
 
 inline std::string describe(const ExitStatus& s) {
   return s.exited ? "exit " + std::to_string(s.code) : "signal " + std::to_string(s.signal);
+}
+
+// A child's output (or any text), line by line.
+inline std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
 }
 
 class ChildProcess {

@@ -1,6 +1,7 @@
 // The real Corvane executable in headless mode against the real development
 // server (or a scripted loopback server) on 127.0.0.1, with a Messages
 // database and a home, user home and XDG directories of the test's own.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 namespace corvane::e2e {
 namespace {
 
+using ::testing::Contains;
 using testing::LoopbackServer;
 
 const char* const kDisconnected =
@@ -116,7 +118,6 @@ TEST_F(HeadlessE2E, TokenComesFromTheArgumentThenTheEnvironmentThenTheStore) {
 
 TEST_F(HeadlessE2E, PairingWithATestHomePrintsTheResponseAndTouchesNoUserDirectory) {
   auto server = devServer({"--pair-code", "E2E-PAIR", "--roster", kAlex});
-  ASSERT_FALSE(server->url().empty());
   const std::vector<std::string> pairArgs = {"--server",      server->url(), "--home",
                                              home().string(), "--pair",      "E2E-PAIR"};
 
@@ -127,7 +128,6 @@ TEST_F(HeadlessE2E, PairingWithATestHomePrintsTheResponseAndTouchesNoUserDirecto
   const json devices = server->state()["devices"];
   ASSERT_EQ(devices.size(), 1u);
   EXPECT_EQ(response.at("deviceId"), devices[0].at("deviceId"));
-  EXPECT_TRUE(response.contains("token"));
   EXPECT_TRUE(contentsOf(userHome()).empty());
   EXPECT_TRUE(contentsOf(xdgConfig()).empty());
   EXPECT_TRUE(contentsOf(xdgData()).empty());
@@ -154,7 +154,6 @@ TEST_F(HeadlessE2E, AHomeThatCantBeExaminedFailsCleanly) {
   ChatDbBuilder db(chatDB());
   db.oneToOne(kAlex);
   auto server = devServer({"--token", kToken, "--roster", kAlex});
-  ASSERT_FALSE(server->url().empty());
   const fs::path root = tmp_.path();
   fs::create_directory_symlink("loop", root / "loop");
   std::vector<fs::path> homes = {root / "loop" / "home", root / std::string(300, 'x') / "home"};
@@ -186,7 +185,6 @@ TEST_F(HeadlessE2E, TheHomeIsPrivateFromTheFirstRun) {
   ChatDbBuilder db(chatDB());
   db.oneToOne(kAlex);
   auto server = devServer({"--token", kToken, "--roster", kAlex, "--outbox", kAlex + "=hi"});
-  ASSERT_FALSE(server->url().empty());
   fs::remove(home());
   const mode_t mask = ::umask(022);  // the child's, from ours
   const AgentRun run = corvane(cycleArgs(server->url()));
@@ -203,23 +201,20 @@ TEST_F(HeadlessE2E, ACycleUploadsTheRosterRowsAndSavesTheCursor) {
   messageAt(db, db.oneToOne(kAlex), "alex recent", 2 * kDayMs);
   const std::int64_t top = messageAt(db, db.oneToOne(kStranger), "stranger", kDayMs);
   auto server = devServer({"--token", kToken, "--roster", kAlex});
-  ASSERT_FALSE(server->url().empty());
 
   const AgentRun run = corvane(cycleArgs(server->url()));
   ASSERT_EXIT_CODE(run, 0);
   EXPECT_EQ(fieldOf(server->state()["messages"], "text"),
             std::multiset<std::string>{"alex recent"});
   EXPECT_EQ(state()["cursor"], top);
-  EXPECT_EQ(state()["backfilled"], json::array({kAlex}));
   const auto log = run.log();
   ASSERT_FALSE(log.empty());
   EXPECT_TRUE(log[0].starts_with("Corvane ")) << log[0];
   EXPECT_TRUE(log[0].ends_with(" headless \u2192 " + server->url() + ", chat.db " + chatDB() +
                                ", state " + stateFile().string()))
       << log[0];
-  EXPECT_TRUE(hasLine(
-      log, "cycle done: 1 msg, 2 dir, 0 self, 0 sent / 0 failed; cursor " + std::to_string(top)))
-      << run.err;
+  EXPECT_THAT(log, Contains("cycle done: 1 msg, 2 dir, 0 self, 0 sent / 0 failed; cursor " +
+                            std::to_string(top)));
 }
 
 // The engine's tests pin what a dry run reports; the agent must not make
@@ -228,7 +223,6 @@ TEST_F(HeadlessE2E, DryRunReadsAndReportsButChangesNothing) {
   ChatDbBuilder db(chatDB());
   messageAt(db, db.oneToOne(kAlex), "alex recent", kDayMs);
   auto server = devServer({"--token", kToken, "--roster", kAlex, "--outbox", kAlex + "=Hi Alex"});
-  ASSERT_FALSE(server->url().empty());
   const json untouched = server->state();
 
   const AgentRun run = corvane(cycleArgs(server->url(), {"--dry-run"}));
@@ -236,15 +230,13 @@ TEST_F(HeadlessE2E, DryRunReadsAndReportsButChangesNothing) {
   EXPECT_FALSE(fs::exists(stateFile()));
   EXPECT_FALSE(fs::exists(fakeSent()));
   EXPECT_EQ(server->state(), untouched);
-  EXPECT_TRUE(hasLine(run.log(), "[dry-run] would send user message to " + kAlex + ": Hi Alex"))
-      << run.err;
+  EXPECT_THAT(run.log(), Contains("[dry-run] would send user message to " + kAlex + ": Hi Alex"));
 }
 
 TEST_F(HeadlessE2E, DaemonStopsCleanlyOnSigtermAndSigint) {
   ChatDbBuilder db(chatDB());
   db.oneToOne(kAlex);
   auto server = devServer({"--token", kToken, "--roster", kAlex, "--poll-interval", "3600"});
-  ASSERT_FALSE(server->url().empty());
   for (const int sig : {SIGTERM, SIGINT}) {
     SCOPED_TRACE(sig == SIGTERM ? "SIGTERM" : "SIGINT");
     const std::string text = "before signal " + std::to_string(sig);

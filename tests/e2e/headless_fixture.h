@@ -15,7 +15,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
-#include <sstream>
+#include <stdexcept>
 
 #include "tests/e2e/child_process.h"
 #include "tools/chatdb-gen/chat_db_builder.h"
@@ -43,16 +43,11 @@ inline const std::string kConfigRequest = "GET /api/agent/config";
 inline std::vector<std::string> logMessages(const std::string& err) {
   static const std::regex kPrefix(R"(^\[\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z\] )");
   std::vector<std::string> out;
-  std::istringstream lines(err);
-  for (std::string line; std::getline(lines, line);) {
+  for (const auto& line : testing::linesOf(err)) {
     std::smatch m;
     out.push_back(std::regex_search(line, m, kPrefix) ? m.suffix().str() : line);
   }
   return out;
-}
-
-inline bool hasLine(const std::vector<std::string>& lines, const std::string& wanted) {
-  return std::find(lines.begin(), lines.end(), wanted) != lines.end();
 }
 
 // Everything below a directory, as relative paths.
@@ -202,9 +197,12 @@ class HeadlessE2E : public ::testing::Test {
     return std::make_unique<ChildProcess>(binary, prefix, environment(std::move(envToken)));
   }
 
+  // Throws, which fails the test, when the server doesn't come up.
   std::unique_ptr<DevServer> devServer(std::vector<std::string> args) const {
     auto server = std::make_unique<DevServer>(devserver_.string(), std::move(args), environment());
-    EXPECT_FALSE(server->url().empty()) << "corvane-devserver didn't start: " << server->failure();
+    if (server->url().empty()) {
+      throw std::runtime_error("corvane-devserver didn't start: " + server->failure());
+    }
     return server;
   }
 
@@ -213,8 +211,9 @@ class HeadlessE2E : public ::testing::Test {
   // Lines of fake-sent.jsonl, decoded.
   std::vector<json> sentRecords() const {
     std::vector<json> out;
-    std::istringstream lines(readFile(fakeSent()));
-    for (std::string line; std::getline(lines, line);) out.push_back(json::parse(line));
+    for (const auto& line : testing::linesOf(readFile(fakeSent()))) {
+      out.push_back(json::parse(line));
+    }
     return out;
   }
 
