@@ -49,14 +49,18 @@ TEST_F(AppModelTest, ReadsTokenStateAndServer) {
   // After setup the toggle shows the login item, and starting never changes it.
   EXPECT_FALSE(p.launchAtLogin);
   EXPECT_EQ(rig.loginItem.registers + rig.loginItem.unregisters, 0);
+  EXPECT_EQ(p.pairing, PairingState::idle());
 
   AppModelRig refused;  // a server default that is refused gives the production server
   refused.defaults.setString(DefaultsKey::server, "http://example.test");
   refused.defaults.setBool(DefaultsKey::setupCompleted, true);
   refused.loginItem.enabled = true;
+  refused.options.qaExpectLink = true;  // starts as if Connect had just been pressed
   refused.start();
   EXPECT_EQ(refused.published().server, refused.server);
   EXPECT_TRUE(refused.published().launchAtLogin);
+  EXPECT_EQ(refused.published().pairing,
+            PairingState::waitingForBrowser(refused.scheduler.nowMs()));
 }
 
 // Steps.
