@@ -14,7 +14,6 @@
 namespace corvane::chatdbgen {
 namespace {
 
-
 constexpr std::int64_t kDayMs = 86400000;
 constexpr std::int64_t kMaxMessages = std::int64_t{1} << 31;
 constexpr std::int64_t kLatestEndMs = 4102444800000;  // 2100-01-01
