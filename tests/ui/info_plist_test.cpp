@@ -1,7 +1,8 @@
 // The Info.plist the macOS bundle gets, as the build configured it: well
 // formed, the "corvane" URL scheme, no Dock icon, the usage descriptions
 // without which macOS refuses the Automation and Contacts requests, the
-// build's version, and "SUFeedURL" exactly when the build names a feed.
+// build's version, and the values the build was configured with: the oldest
+// macOS, and the feed with its signing key exactly when the build names one.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -28,8 +29,9 @@ std::string valueOf(const std::string& plist, const std::string& key) {
   return m[1].matched ? m[1].str() : m[2].matched ? m[2].str() : m[3].str();
 }
 
-std::string cachedFeedURL() {
-  const std::string prefix = "\nCORVANE_UPDATE_FEED_URL:STRING=";
+// A STRING variable of the build's cache; empty when it isn't there.
+std::string cached(const std::string& variable) {
+  const std::string prefix = "\n" + variable + ":STRING=";
   const std::string cache = testing::readFile(binDir() + "/CMakeCache.txt");
   const auto at = cache.find(prefix);
   if (at == std::string::npos) return {};
@@ -54,10 +56,28 @@ TEST(InfoPlistTest, DeclaresTheSchemeTheUsageTextsAndNoDockIcon) {
   EXPECT_TRUE(
       std::regex_match(schemes, std::regex("<array>\\s*<string>corvane</string>\\s*</array>")))
       << schemes;
+}
 
-  const std::string feed = cachedFeedURL();
-  EXPECT_EQ(plist.find("<key>SUFeedURL</key>") != std::string::npos, !feed.empty());
-  EXPECT_EQ(valueOf(plist, "SUFeedURL"), feed);
+TEST(InfoPlistTest, CarriesTheConfiguredValuesAndOnlyThose) {
+  const std::string plist = testing::readFile(binDir() + "/app/Info.plist");
+  // Plist key, and the cache variable it comes from; an empty variable
+  // leaves the key out.
+  const struct {
+    const char* key;
+    const char* variable;
+  } rows[] = {
+      {"LSMinimumSystemVersion", "CMAKE_OSX_DEPLOYMENT_TARGET"},
+      {"SUFeedURL", "CORVANE_UPDATE_FEED_URL"},
+      {"SUPublicEDKey", "CORVANE_UPDATE_PUBLIC_ED_KEY"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.key);
+    const std::string configured = cached(row.variable);
+    EXPECT_EQ(plist.find("<key>" + std::string(row.key) + "</key>") != std::string::npos,
+              !configured.empty());
+    EXPECT_EQ(valueOf(plist, row.key), configured);
+  }
+  EXPECT_NE(cached("CMAKE_OSX_DEPLOYMENT_TARGET"), "");
 }
 
 }  // namespace
