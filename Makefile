@@ -6,7 +6,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build test demo screenshots bench fuzz test-sanitize clean
+.PHONY: all deps configure build test demo screenshots package bench fuzz test-sanitize clean
 
 all: build
 
@@ -36,6 +36,13 @@ demo: deps
 screenshots: deps configure
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target Corvane
 	QT_QPA_PLATFORM=offscreen $(BUILD_DIR)/Corvane --snapshot-setup docs/screenshots
+
+# macOS only: Corvane.app with Qt and Sparkle inside, signed (ad hoc unless
+# CORVANE_SIGN_IDENTITY names one), notarised when credentials are given, and
+# a disk image, all in $(BUILD_DIR)/package. scripts/package-mac lists the
+# variables.
+package:
+	@BUILD_DIR=$(BUILD_DIR) BUILD_TYPE=$(BUILD_TYPE) JOBS=$(JOBS) scripts/package-mac
 
 # Benchmarks: their own optimised build (RelWithDebInfo, the shipped
 # optimisation with symbols for perf) and databases cached under build/.
