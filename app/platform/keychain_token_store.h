@@ -28,7 +28,8 @@ struct KeychainItem {
 };
 
 // The generic-password calls of the Security framework, one to one. Each
-// returns the framework's status, 0 meaning success.
+// returns the framework's status, 0 meaning success. Service and account are
+// never empty: a query without one of them would match every item of the other.
 class Keychain {
  public:
   // What a match query for one item's data brought back.
@@ -53,12 +54,19 @@ class Keychain {
 
 class KeychainTokenStore final : public TokenStore {
  public:
-  // Fixed, one per product.
-  static constexpr std::string_view service = "corvane.mac";
+  // The product's service, fixed: the application and the headless mode
+  // share the item through it.
+  static constexpr std::string_view productService = "corvane.mac";
   // Written only when the item is added.
   static constexpr std::string_view label = "Corvane device token";
 
-  explicit KeychainTokenStore(std::unique_ptr<Keychain> keychain);
+  // `service` other than the product's keeps a store (a test's) away from
+  // the user's token. Empty keys have no item: save fails, load is absent,
+  // remove does nothing, and no query without an account reaches `keychain`.
+  explicit KeychainTokenStore(std::unique_ptr<Keychain> keychain,
+                              std::string service = std::string(productService));
+
+  const std::string& service() const { return service_; }
 
   // Readable from the first unlock after boot on, so the agent can sync right
   // after login without prompting. Any status other than 0 is false.
@@ -70,6 +78,7 @@ class KeychainTokenStore final : public TokenStore {
 
  private:
   std::unique_ptr<Keychain> keychain_;
+  std::string service_;
 };
 
 }  // namespace corvane

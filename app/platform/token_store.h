@@ -44,6 +44,11 @@ class TokenStore {
   // This system's store: the login Keychain on macOS, a FileTokenStore in
   // the default directory elsewhere.
   static std::unique_ptr<TokenStore> makeDefault();
+
+  // True when makeDefault's store lies under UserDirectories::configDirectory,
+  // so that a process given an XDG_CONFIG_HOME of its own (a test's child)
+  // can't reach the user's token. The Keychain follows no environment.
+  static bool defaultFollowsConfigDirectory();
 };
 
 // Keeps each key's token in a file of that name, mode 0600, in a directory

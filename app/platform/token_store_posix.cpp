@@ -8,4 +8,6 @@ std::unique_ptr<TokenStore> TokenStore::makeDefault() {
       FileTokenStore::defaultDirectory(UserDirectories::processEnvironment));
 }
 
+bool TokenStore::defaultFollowsConfigDirectory() { return true; }
+
 }  // namespace corvane

@@ -51,6 +51,11 @@ class UserDefaults {
   // The application's defaults domain on macOS; elsewhere a JsonFileUserDefaults
   // at its default path.
   static std::unique_ptr<UserDefaults> makeDefault();
+
+  // True when makeDefault's settings lie under UserDirectories::configDirectory
+  // (see TokenStore::defaultFollowsConfigDirectory); a defaults domain
+  // follows no environment.
+  static bool defaultFollowsConfigDirectory();
 };
 
 // Keeps the settings as one JSON object in a file of mode 0600, rewritten

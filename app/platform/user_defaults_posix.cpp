@@ -8,4 +8,6 @@ std::unique_ptr<UserDefaults> UserDefaults::makeDefault() {
       JsonFileUserDefaults::defaultPath(UserDirectories::processEnvironment));
 }
 
+bool UserDefaults::defaultFollowsConfigDirectory() { return true; }
+
 }  // namespace corvane

@@ -31,19 +31,23 @@ class FakeKeychain final : public Keychain {
   std::map<std::pair<std::string, std::string>, KeychainItem> items;
   int addFailure = 0;                  // status every add returns, when not 0
   std::optional<Match> matchOverride;  // answer to every copyData, when set
+  int calls = 0;
 
   int add(const KeychainItem& item) override {
+    ++calls;
     if (addFailure != 0) return addFailure;
     const auto [it, added] = items.emplace(std::pair(item.service, item.account), item);
     return added ? 0 : errSecDuplicateItem;
   }
   Match copyData(const std::string& service, const std::string& account) override {
+    ++calls;
     if (matchOverride) return *matchOverride;
     const auto it = items.find({service, account});
     if (it == items.end()) return {errSecItemNotFound, std::nullopt};
     return {0, it->second.data};
   }
   int remove(const std::string& service, const std::string& account) override {
+    ++calls;
     return items.erase({service, account}) == 1 ? 0 : errSecItemNotFound;
   }
 };
@@ -108,6 +112,30 @@ TEST_F(KeychainTokenStoreTest, SavedItemHasTheProductsAttributes) {
   EXPECT_EQ(keychain_->items.begin()->second,
             (KeychainItem{"corvane.mac", "device-token", "Corvane device token",
                           KeychainItem::Accessibility::afterFirstUnlock, "tok-\xc3\xa9"}));
+}
+
+// What a test's store does must never reach the user's item, and a query
+// without an account (which would match every item of the service) is never
+// made.
+TEST_F(KeychainTokenStoreTest, AnotherServiceAndAnEmptyKeyNeverReachTheProductsItem) {
+  ASSERT_TRUE(store_.save(key, "users-token"));
+  const KeychainItem users = keychain_->items.begin()->second;
+  FakeKeychain* own = new FakeKeychain;
+  own->items = keychain_->items;  // a Keychain that holds the user's item
+  KeychainTokenStore shared{std::unique_ptr<Keychain>(own), "corvane.mac.test"};
+  ASSERT_TRUE(shared.save(key, "test-token"));
+  EXPECT_EQ(shared.load(key), "test-token");
+  shared.remove(key);
+  EXPECT_EQ(shared.load(key), std::nullopt);
+  ASSERT_EQ(own->items.size(), 1u);
+  EXPECT_EQ(own->items.begin()->second, users);
+
+  const int before = keychain_->calls;
+  EXPECT_FALSE(store_.save("", "x"));
+  EXPECT_EQ(store_.load(""), std::nullopt);
+  store_.remove("");
+  EXPECT_EQ(keychain_->calls, before);
+  EXPECT_EQ(store_.load(key), "users-token");
 }
 
 TEST_F(KeychainTokenStoreTest, FailedSaveLeavesNoItem) {

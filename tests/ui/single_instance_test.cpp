@@ -16,6 +16,8 @@
 #include <filesystem>
 #include <thread>
 
+#include "app/platform/token_store.h"
+#include "app/platform/user_defaults.h"
 #include "tests/support/text_file.h"
 #include "tests/ui/corvane_process.h"
 
@@ -109,6 +111,13 @@ TEST(SingleInstanceTest, TheFallbackFolderMustBePrivate) {
 
 // Real processes of the executable, each in the same temporary home.
 TEST(TwoProcessesTest, AfterACrashLinksGivenToTheFirstAndASecondStartReachTheFirstWithoutCodes) {
+  // The application starts its model with the stores it finds; only where
+  // they follow XDG_CONFIG_HOME does the child get its own.
+  if (!TokenStore::defaultFollowsConfigDirectory() ||
+      !UserDefaults::defaultFollowsConfigDirectory()) {
+    GTEST_SKIP() << "Corvane here keeps its token in the login Keychain and its settings in the "
+                    "user's defaults, which a child started by a test would read and change";
+  }
   testing::TempDir temp;
   const auto start = [&](std::vector<std::string> args) {
     return testing::startCorvane(temp, std::move(args));
