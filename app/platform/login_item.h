@@ -1,6 +1,6 @@
 // LoginItem: whether the application starts when the user logs in. On macOS
-// the main-app service of ServiceManagement (mac/); elsewhere an XDG
-// autostart entry. The decision whether to change anything is the caller's
+// the main-app service of ServiceManagement (service_login_item.h); elsewhere
+// an XDG autostart entry. The decision whether to change anything is the caller's
 // (AppModel::setLaunchAtLogin): registering again when already registered
 // would undo a user's own choice in the system's settings.
 //

@@ -1,54 +1,53 @@
-// Launch at login as ServiceManagement's main-app service: the entry the
-// user sees (and can switch off) under Login Items in System Settings.
+// ServiceManagement's main-app service behind ServiceLoginItem.
 #import <Foundation/Foundation.h>
 #import <ServiceManagement/ServiceManagement.h>
 
-#include "app/platform/login_item.h"
+#include "app/platform/service_login_item.h"
+
+// ServiceLoginItem::stateOf reads the raw values.
+static_assert(SMAppServiceStatusNotRegistered == 0 && SMAppServiceStatusEnabled == 1 &&
+              SMAppServiceStatusRequiresApproval == 2 && SMAppServiceStatusNotFound == 3);
 
 namespace corvane {
 namespace {
-
-constexpr const char* kUnavailable = "Launch at login needs macOS 13 or later.";
 
 std::string describe(NSError* error) {
   const char* text = error.localizedDescription.UTF8String;
   return text != nullptr ? text : "The login item couldn't be changed.";
 }
 
-class MainAppLoginItem final : public LoginItem {
+class MainAppService final : public LoginService {
  public:
-  bool isEnabled() override {
-    if (@available(macOS 13.0, *)) {
-      return SMAppService.mainAppService.status == SMAppServiceStatusEnabled;
+  // https://developer.apple.com/documentation/servicemanagement/smappservice/status-swift.property
+  long status() override {
+    @autoreleasepool {
+      return static_cast<long>(SMAppService.mainAppService.status);
     }
-    return false;
   }
 
-  std::optional<std::string> registerItem() override {
-    if (@available(macOS 13.0, *)) {
-      @autoreleasepool {
-        NSError* error = nil;
-        if ([SMAppService.mainAppService registerAndReturnError:&error]) return std::nullopt;
-        return describe(error);
-      }
+  // https://developer.apple.com/documentation/servicemanagement/smappservice/register()
+  std::optional<std::string> registerService() override {
+    @autoreleasepool {
+      NSError* error = nil;
+      if ([SMAppService.mainAppService registerAndReturnError:&error]) return std::nullopt;
+      return describe(error);
     }
-    return kUnavailable;
   }
 
-  std::optional<std::string> unregisterItem() override {
-    if (@available(macOS 13.0, *)) {
-      @autoreleasepool {
-        NSError* error = nil;
-        if ([SMAppService.mainAppService unregisterAndReturnError:&error]) return std::nullopt;
-        return describe(error);
-      }
+  // https://developer.apple.com/documentation/servicemanagement/smappservice/unregister()
+  std::optional<std::string> unregisterService() override {
+    @autoreleasepool {
+      NSError* error = nil;
+      if ([SMAppService.mainAppService unregisterAndReturnError:&error]) return std::nullopt;
+      return describe(error);
     }
-    return kUnavailable;
   }
 };
 
 }  // namespace
 
-std::unique_ptr<LoginItem> LoginItem::makeDefault() { return std::make_unique<MainAppLoginItem>(); }
+std::unique_ptr<LoginItem> LoginItem::makeDefault() {
+  return std::make_unique<ServiceLoginItem>(std::make_unique<MainAppService>());
+}
 
 }  // namespace corvane
