@@ -25,6 +25,7 @@
 #include "app/ui/app_delegate.h"
 #include "app/ui/app_icon.h"
 #include "app/ui/desktop_opener.h"
+#include "app/ui/link_inbox.h"
 #include "app/ui/qt_scheduler.h"
 #include "app/ui/setup_window.h"
 #include "app/ui/single_instance.h"
@@ -139,26 +140,24 @@ class SetupWindowHost final : public QObject {
   std::unique_ptr<SetupWindow> window_;
 };
 
-// Links from the system's own events. On macOS Qt's application delegate
-// receives the get-URL Apple event and posts it as a QFileOpenEvent; taking
-// it here, rather than replacing that handler with ours, also catches the
-// link that launched the application, which arrives before our code could
-// register anything.
+// Links that reach Qt as file-open events: on macOS a get-URL Apple event
+// that came while Qt's handler stood in for ours (SystemIntegration::
+// watchLinks), routed by the Qt version at hand.
 class FileOpenFilter final : public QObject {
  public:
-  explicit FileOpenFilter(AppDelegate& delegate) : delegate_(delegate) {}
+  explicit FileOpenFilter(LinkInbox& links) : links_(links) {}
 
  protected:
   bool eventFilter(QObject* watched, QEvent* event) override {
     if (event->type() != QEvent::FileOpen) return QObject::eventFilter(watched, event);
     const QUrl url = static_cast<QFileOpenEvent*>(event)->url();
     if (url.scheme().compare("corvane", Qt::CaseInsensitive) != 0) return false;
-    delegate_.openURL(url.toEncoded().toStdString());
+    links_.receive(url.toEncoded().toStdString());
     return true;
   }
 
  private:
-  AppDelegate& delegate_;
+  LinkInbox& links_;
 };
 
 void quitSoon() {
@@ -182,7 +181,15 @@ int runApplication(int argc, char** argv) {
   if (const auto dir = args.value("--snapshot-setup")) {
     return snapshotSetup(QString::fromStdString(*dir));
   }
-  auto log = std::make_shared<ConsoleLogger>();
+  // From here on, before the event loop runs and launch finishes: the link
+  // that launched the application comes in while launching. It waits for
+  // the delegate.
+  LinkInbox links;
+  const auto linkWatch =
+      SystemIntegration::watchLinks([&links](const std::string& url) { links.receive(url); });
+  FileOpenFilter fileOpen(links);
+  app.installEventFilter(&fileOpen);
+  const std::shared_ptr<SyncLogger> log = SystemIntegration::makeLogger();
 
   // A later start hands its links to the instance that runs and ends here.
   std::unique_ptr<SingleInstance> instance;
@@ -301,8 +308,7 @@ int runApplication(int argc, char** argv) {
                      if (state == Qt::ApplicationActive) model.refreshPermissions();
                    });
 
-  FileOpenFilter fileOpen(delegate);
-  app.installEventFilter(&fileOpen);
+  links.attach([&delegate](const std::string& url) { delegate.openURL(url); });
   if (instance) {
     QObject::connect(instance.get(), &SingleInstance::urlReceived, &app,
                      [&delegate](const QString& url) { delegate.openURL(url.toStdString()); });

@@ -1,7 +1,7 @@
 // SystemIntegration: what starting the application asks of the system that
-// differs between macOS and the others — the sender of approved texts, the
-// registration of "corvane://" links, and hearing that the user opened the
-// running application again.
+// differs between macOS and the others — where it logs, the sender of
+// approved texts, the registration and delivery of "corvane://" links, and
+// hearing that the user opened the running application again.
 //
 // Main thread only, with the QApplication in place.
 #pragma once
@@ -15,6 +15,11 @@
 #include "core/sync/sync_logger.h"
 
 namespace corvane::SystemIntegration {
+
+// The application's log: the unified system log on macOS (subsystem the
+// bundle identifier, category "agent"; Console shows it), standard error
+// elsewhere. The headless mode keeps standard error everywhere.
+std::shared_ptr<SyncLogger> makeLogger();
 
 // Messages through AppleScript on macOS (verified in `chatDBPath`); elsewhere
 // a FakeSender that logs each text and appends it to "fake-sent.jsonl" in
@@ -34,5 +39,11 @@ void registerURLScheme(SyncLogger& log);
 // SingleInstance instead, and nothing is installed. Keep the result for as
 // long as `reopen` may be called.
 std::shared_ptr<void> watchReopen(std::function<void()> reopen);
+
+// Hands `link` the URL of every get-URL Apple event from now on, the one
+// that launched the application included: call it before the event loop
+// runs. Elsewhere links come from the command line and SingleInstance, and
+// nothing is installed. Keep the result for as long as `link` may be called.
+std::shared_ptr<void> watchLinks(std::function<void(const std::string& url)> link);
 
 }  // namespace corvane::SystemIntegration

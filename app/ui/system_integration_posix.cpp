@@ -9,6 +9,8 @@
 
 namespace corvane::SystemIntegration {
 
+std::shared_ptr<SyncLogger> makeLogger() { return std::make_shared<ConsoleLogger>(); }
+
 std::shared_ptr<MessageSender> makeSender(const std::string&, const std::filesystem::path& stateDir,
                                           std::shared_ptr<SyncLogger> log) {
   // Messages exists only on macOS; the texts are kept where a developer
@@ -45,5 +47,7 @@ void registerURLScheme(SyncLogger& log) {
 }
 
 std::shared_ptr<void> watchReopen(std::function<void()>) { return nullptr; }
+
+std::shared_ptr<void> watchLinks(std::function<void(const std::string&)>) { return nullptr; }
 
 }  // namespace corvane::SystemIntegration

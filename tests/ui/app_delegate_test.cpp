@@ -3,6 +3,7 @@
 // it stops the poll and leaves the Dock. The hooks record what the
 // delegate asked of the model, the window and the system, in one sequence.
 #include "app/ui/app_delegate.h"
+#include "app/ui/link_inbox.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -82,6 +83,43 @@ TEST_F(AppDelegateTest, LinksBeforeLaunchWaitAndAreHandledOnceInOrderAfterTheWin
   events.clear();
   delegate.launchFinished();
   EXPECT_THAT(events, IsEmpty());
+}
+
+// The get-URL event of the link that launched the application comes before
+// the delegate exists: it waits in the inbox, then in the delegate until
+// launch has finished, and is handled once.
+TEST_F(AppDelegateTest, ALinkFromBeforeTheDelegateExistedIsHandledOnceAfterLaunch) {
+  LinkInbox inbox;
+  inbox.receive("corvane://connect?code=LAUNCH11");
+  inbox.attach([this](const std::string& url) { delegate.openURL(url); });
+  EXPECT_THAT(inbox.waiting(), IsEmpty());
+  EXPECT_THAT(events, IsEmpty());
+  delegate.launchFinished();
+  inbox.receive("corvane://connect?code=LATER222");
+  EXPECT_THAT(events, ElementsAre("start", "step", "regular", "window",
+                                  "link corvane://connect?code=LAUNCH11",
+                                  "link corvane://connect?code=LATER222", "step", "regular",
+                                  "window"));
+}
+
+TEST(LinkInboxTest, LinksWaitInOrderUntilAttachedThenGoStraightThrough) {
+  LinkInbox inbox;
+  std::vector<std::string> got;
+  inbox.receive("a");
+  inbox.receive("b");
+  EXPECT_THAT(inbox.waiting(), ElementsAre("a", "b"));
+  // One that comes while the waiting ones are handed over follows them.
+  inbox.attach([&](const std::string& url) {
+    got.push_back(url);
+    if (url == "a") inbox.receive("c");
+  });
+  EXPECT_THAT(got, ElementsAre("a", "b", "c"));
+  EXPECT_THAT(inbox.waiting(), IsEmpty());
+  inbox.receive("d");
+  // A second receiver takes nothing away from the first.
+  inbox.attach([&](const std::string& url) { got.push_back("second " + url); });
+  inbox.receive("e");
+  EXPECT_THAT(got, ElementsAre("a", "b", "c", "d", "e"));
 }
 
 TEST_F(AppDelegateTest, TheWindowOpensForSetupALinkOrAReopenAndClosingItLeavesTheDock) {

@@ -18,8 +18,50 @@
 }
 @end
 
+// The get-URL Apple event's handler. Qt's application delegate installs
+// its own in applicationWillFinishLaunching:, which replaces whatever was
+// there and routes links however the Qt version at hand does; this one is
+// installed before that and again just after it, and once more when launch
+// has finished, so that every link, the launching one included, comes here.
+// "Handling Apple Events":
+// https://developer.apple.com/library/archive/documentation/Cocoa/Conceptual/ScriptableCocoaApplications/SApps_handle_AEs/SAppsHandleAEs.html
+@interface CorvaneLinkHandler : NSObject
+@property(nonatomic, copy) void (^link)(const char* url);
+- (void)install;
+- (void)handleGetURL:(NSAppleEventDescriptor*)event reply:(NSAppleEventDescriptor*)reply;
+@end
+
+@implementation CorvaneLinkHandler
+// https://developer.apple.com/documentation/foundation/nsappleeventmanager/seteventhandler(_:andselector:foreventclass:andeventid:)
+- (void)install {
+  [[NSAppleEventManager sharedAppleEventManager] setEventHandler:self
+                                                     andSelector:@selector(handleGetURL:reply:)
+                                                   forEventClass:kInternetEventClass
+                                                      andEventID:kAEGetURL];
+}
+
+- (void)launchStage:(NSNotification*)notification {
+  [self install];
+}
+
+// https://developer.apple.com/documentation/foundation/nsappleeventdescriptor/paramdescriptor(forkeyword:)
+- (void)handleGetURL:(NSAppleEventDescriptor*)event reply:(NSAppleEventDescriptor*)reply {
+  const char* url = [event paramDescriptorForKeyword:keyDirectObject].stringValue.UTF8String;
+  if (url != nullptr) self.link(url);
+}
+@end
+
 namespace corvane::SystemIntegration {
 namespace {
+
+struct LinkRegistration {
+  CorvaneLinkHandler* handler;
+  ~LinkRegistration() {
+    [NSNotificationCenter.defaultCenter removeObserver:handler];
+    [[NSAppleEventManager sharedAppleEventManager] removeEventHandlerForEventClass:kInternetEventClass
+                                                                        andEventID:kAEGetURL];
+  }
+};
 
 // Keeps the handler alive and takes it away with the last reference.
 struct ReopenRegistration {
@@ -57,6 +99,27 @@ std::shared_ptr<void> watchReopen(std::function<void()> reopen) {
                                                      andSelector:@selector(handleReopen:reply:)
                                                    forEventClass:kCoreEventClass
                                                       andEventID:kAEReopenApplication];
+  return registration;
+}
+
+std::shared_ptr<void> watchLinks(std::function<void(const std::string&)> link) {
+  auto registration = std::make_shared<LinkRegistration>();
+  registration->handler = [[CorvaneLinkHandler alloc] init];
+  registration->handler.link = ^(const char* url) {
+    link(url);
+  };
+  [registration->handler install];
+  // Qt's delegate became an observer of these when QApplication was built;
+  // the notification center, in practice, calls observers in the order they
+  // were added, so this one comes after it.
+  // https://developer.apple.com/documentation/appkit/nsapplication/willfinishlaunchingnotification
+  for (NSNotificationName stage :
+       {NSApplicationWillFinishLaunchingNotification, NSApplicationDidFinishLaunchingNotification}) {
+    [NSNotificationCenter.defaultCenter addObserver:registration->handler
+                                           selector:@selector(launchStage:)
+                                               name:stage
+                                             object:nil];
+  }
   return registration;
 }
 
