@@ -6,9 +6,12 @@
 namespace corvane::SystemContacts {
 namespace {
 
+// Absent for nil and for text without a UTF-8 form (a lone surrogate), for
+// which UTF8String is NULL. Valid until the enclosing pool drains.
 std::optional<std::string_view> text(NSString* s) {
-  if (s == nil) return std::nullopt;
-  return std::string_view(s.UTF8String);
+  const char* bytes = s.UTF8String;
+  if (bytes == nullptr) return std::nullopt;
+  return std::string_view(bytes);
 }
 
 IndexedContactBook::Entry entryFrom(CNContact* contact) {
@@ -18,14 +21,17 @@ IndexedContactBook::Entry entryFrom(CNContact* contact) {
       {},
       {}};
   for (CNLabeledValue<CNPhoneNumber*>* phone in contact.phoneNumbers) {
-    entry.phones.emplace_back(phone.value.stringValue.UTF8String);
+    if (const auto number = text(phone.value.stringValue)) entry.phones.emplace_back(*number);
   }
   for (CNLabeledValue<NSString*>* email in contact.emailAddresses) {
-    entry.emails.emplace_back(email.value.UTF8String);
+    if (const auto address = text(email.value)) entry.emails.emplace_back(*address);
   }
   return entry;
 }
 
+// https://developer.apple.com/documentation/contacts/cncontactstore/enumeratecontacts(with:usingblock:)
+// Runs on a worker thread, which has no pool of its own; each contact gets
+// one too, so a large address book doesn't pile up until the end.
 std::optional<std::vector<IndexedContactBook::Entry>> enumerateContacts() {
   @autoreleasepool {
     CNContactFetchRequest* request = [[CNContactFetchRequest alloc] initWithKeysToFetch:@[
@@ -39,7 +45,9 @@ std::optional<std::vector<IndexedContactBook::Entry>> enumerateContacts() {
         enumerateContactsWithFetchRequest:request
                                     error:&error
                                usingBlock:^(CNContact* contact, BOOL*) {
-                                 entries.push_back(entryFrom(contact));
+                                 @autoreleasepool {
+                                   entries.push_back(entryFrom(contact));
+                                 }
                                }];
     if (!ok) return std::nullopt;
     return entries;
@@ -48,9 +56,12 @@ std::optional<std::vector<IndexedContactBook::Entry>> enumerateContacts() {
 
 }  // namespace
 
+// https://developer.apple.com/documentation/contacts/cncontactstore/authorizationstatus(for:)
 PermissionState authorization() {
-  return permissionFromStatus(
-      static_cast<long>([CNContactStore authorizationStatusForEntityType:CNEntityTypeContacts]));
+  @autoreleasepool {
+    return permissionFromStatus(
+        static_cast<long>([CNContactStore authorizationStatusForEntityType:CNEntityTypeContacts]));
+  }
 }
 
 void requestAccess(std::function<void(bool granted)> answered) {
