@@ -77,7 +77,7 @@ TSAN_BUILD_DIR ?= build-tsan
 # Under ThreadSanitizer: prefixes of ctest names (Suite.Test, as
 # gtest_discover_tests names them), each of which must match at least one
 # test, and the files under tests/ that hold those tests.
-TSAN_TESTS ?= OsascriptTest. MemoryStateStoreTest. ContactsCacheTest. DaemonTest. APIClientTest. \
+TSAN_TESTS ?= OsascriptTest. MemoryStateStoreTest. ContactsCacheTest. DaemonTest. StopSourceTest. APIClientTest. \
   HeadlessE2E.DaemonStops JsonFileUserDefaultsTest.Concurrent AppModelSyncTest.ACycleOfAReplacedAccount \
   AppModelSyncTest.AModelGoneWhileItsCycleRuns
 TSAN_TEST_FILES ?= send/osascript_test.cpp sync/state_store_test.cpp sync/sync_daemon_test.cpp \

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <stop_token>
 
 #include "app/headless/command_line.h"
 #include "app/headless/headless_runner.h"
@@ -15,7 +14,7 @@
 namespace {
 
 int runHeadless(const corvane::CommandLine& args) {
-  auto stop = std::make_shared<std::stop_source>();
+  auto stop = std::make_shared<corvane::StopSource>();
   corvane::watchStopSignals(stop);
   auto tokens = corvane::TokenStore::makeDefault();
   auto defaults = corvane::UserDefaults::makeDefault();
@@ -26,7 +25,7 @@ int runHeadless(const corvane::CommandLine& args) {
                                    .probes = *probes,
                                    .log = std::make_shared<corvane::ConsoleLogger>(),
                                    .out = stdout,
-                                   .stop = stop->get_token()};
+                                   .stop = stop->token()};
   return corvane::runHeadless(args, env);
 }
 

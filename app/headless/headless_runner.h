@@ -8,7 +8,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -16,6 +15,7 @@
 #include "app/platform/permissions.h"
 #include "app/platform/token_store.h"
 #include "app/platform/user_defaults.h"
+#include "core/sync/stop_source.h"
 #include "core/sync/sync_logger.h"
 
 namespace corvane {
@@ -27,7 +27,7 @@ struct HeadlessEnvironment {
   PermissionProbes& probes;
   std::shared_ptr<SyncLogger> log;
   std::FILE* out = stdout;  // command results
-  std::stop_token stop;
+  StopToken stop;
 };
 
 int runHeadless(const CommandLine& args, HeadlessEnvironment& env);

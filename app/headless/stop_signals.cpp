@@ -32,7 +32,7 @@ int waitForOne(const sigset_t& set) {
 
 }  // namespace
 
-void watchStopSignals(std::shared_ptr<std::stop_source> stop) {
+void watchStopSignals(std::shared_ptr<StopSource> stop) {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
@@ -40,7 +40,7 @@ void watchStopSignals(std::shared_ptr<std::stop_source> stop) {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every later thread
   std::thread([set, stop = std::move(stop)] {
     waitForOne(set);
-    stop->request_stop();
+    stop->requestStop();
     ConsoleLogger().info("stopping after the current step (signal again to stop at once)");
     dieOf(waitForOne(set));
   }).detach();

@@ -6,7 +6,8 @@
 #pragma once
 
 #include <memory>
-#include <stop_token>
+
+#include "core/sync/stop_source.h"
 
 namespace corvane {
 
@@ -15,6 +16,6 @@ namespace corvane {
 // leaves them to a detached thread that only waits for them (no work is ever
 // done in a signal handler). That thread logs the first signal through a
 // ConsoleLogger on standard error.
-void watchStopSignals(std::shared_ptr<std::stop_source> stop);
+void watchStopSignals(std::shared_ptr<StopSource> stop);
 
 }  // namespace corvane

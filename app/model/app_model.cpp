@@ -24,7 +24,6 @@ struct AppModel::Life {};
 namespace {
 
 constexpr double kContactsTTLSec = 3600.0;
-constexpr int kInitialBackoffBaseSec = 30;
 // How often a paused or unpaired loop looks again; resuming and pairing wake
 // it at once, so this only bounds how long a missed wake could be.
 constexpr double kIdleNapSec = 60.0;
@@ -220,7 +219,7 @@ void AppModel::shutdown() {
   tickTimer_ = napTimer_ = permissionPoll_ = 0;
   for (const auto timer : delays_) s_.scheduler.cancel(timer);
   delays_.clear();
-  cycleStop_.request_stop();
+  cycleStop_.requestStop();
 }
 
 void AppModel::mirrorUpdater() {
@@ -647,7 +646,7 @@ void AppModel::runCycle() {
   if (!contactsCache_ && s_.loadContacts) {
     contactsCache_ = std::make_shared<ContactsCache>(kContactsTTLSec, s_.loadContacts);
   }
-  cycleStop_ = std::stop_source();
+  cycleStop_ = StopSource();
   CycleDeps deps{.api = s_.makeAPI(p_.server, token_),
                  .chatDBPath = options_.chatDBPath,
                  .store = store_,
@@ -657,7 +656,7 @@ void AppModel::runCycle() {
                  .dryRun = false,
                  .log = s_.log,
                  .now = s_.clock,
-                 .stop = cycleStop_.get_token()};
+                 .stop = cycleStop_.token()};
   if (contactsCache_) deps.contacts = [cache = contactsCache_] { return cache->get(); };
   if (!directoryCache_) directoryCache_ = std::make_shared<DirectoryCache>();
   deps.directoryCache = directoryCache_;
@@ -765,14 +764,14 @@ void AppModel::wake() {
 }
 
 void AppModel::stopCycle() {
-  cycleStop_.request_stop();
+  cycleStop_.requestStop();
   ++generation_;
 }
 
 void AppModel::setPaused(bool paused) {
   update([&](Published& p) { p.paused = paused; });
   if (paused) {
-    cycleStop_.request_stop();  // at the next stage boundary, never during a send
+    cycleStop_.requestStop();  // at the next stage boundary, never during a send
   } else {
     wake();
   }

@@ -20,7 +20,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,6 +38,7 @@
 #include "core/protocol/wire_types.h"
 #include "core/send/message_sender.h"
 #include "core/sync/state_store.h"
+#include "core/sync/stop_source.h"
 #include "core/sync/sync_engine.h"
 #include "core/sync/sync_logger.h"
 
@@ -308,7 +308,7 @@ class AppModel {
   bool cycleInFlight_ = false;
   bool wakePending_ = false;
   std::uint64_t generation_ = 0;  // changes with the account; stale cycles are ignored
-  std::stop_source cycleStop_;
+  StopSource cycleStop_;
   int failures_ = 0;
   int backoffBaseSec_ = 30;
 };

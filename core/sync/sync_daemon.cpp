@@ -1,10 +1,8 @@
 // The daemon loop: pacing, back-off and which failures stop the agent.
 #include <algorithm>
 #include <cmath>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <random>
 
 #include "core/chatdb/directory_cache.h"
@@ -23,15 +21,12 @@ constexpr int kInitialBaseSec = 30;
 constexpr std::size_t kLastErrorMax = 500;
 
 // Sleeps `seconds`, returning early when stop is requested.
-void interruptibleSleep(std::int64_t seconds, std::stop_token stop) {
+void interruptibleSleep(std::int64_t seconds, const StopToken& stop) {
   if (seconds < 0) {
     std::fprintf(stderr, "daemon: negative sleep of %lld s\n", static_cast<long long>(seconds));
     std::abort();
   }
-  std::mutex m;
-  std::condition_variable_any cv;
-  std::unique_lock lock(m);
-  cv.wait_for(lock, stop, std::chrono::seconds(seconds), [] { return false; });
+  stop.waitFor(std::chrono::seconds(seconds));
 }
 
 std::function<double()> freshRandom() {
@@ -114,7 +109,7 @@ void recordError(StateStore& store, const std::string& description, bool dry, st
   }
 }
 
-std::int32_t runDaemon(CycleDeps deps, DaemonOptions options, std::stop_token stop) {
+std::int32_t runDaemon(CycleDeps deps, DaemonOptions options, StopToken stop) {
   auto cache = std::make_shared<ContactsCache>(options.contactsTTLSec, options.loadContacts);
   deps.contacts = [cache] { return cache->get(); };
   // Between cycles the directory is read again only where the database changed.
@@ -125,7 +120,7 @@ std::int32_t runDaemon(CycleDeps deps, DaemonOptions options, std::stop_token st
 
   int failures = 0;
   int base = kInitialBaseSec, databaseBase = kInitialBaseSec;
-  while (!stop.stop_requested()) {
+  while (!stop.stopRequested()) {
     int waitSec = 0;
     try {
       const CycleResult result = runCycle(deps);

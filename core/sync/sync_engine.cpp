@@ -51,7 +51,7 @@ class Cycle {
   CycleResult run() {
     state_ = deps_.store->load();
     config_ = deps_.api->getConfig();
-    if (deps_.stop.stop_requested()) throw CycleStopped();
+    if (deps_.stop.stopRequested()) throw CycleStopped();
     result_.pollIntervalSec = config_.pollIntervalSec;
     result_.rosterCount = static_cast<std::int64_t>(config_.rosterHandles.size());
 
@@ -80,7 +80,7 @@ class Cycle {
   // Keeps what the stages so far did (notes already posted must not be
   // posted again), then ends the cycle.
   void checkStop() {
-    if (!deps_.stop.stop_requested()) return;
+    if (!deps_.stop.stopRequested()) return;
     if (!deps_.dryRun) deps_.store->save(state_);
     throw CycleStopped();
   }

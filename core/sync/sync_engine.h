@@ -15,13 +15,13 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stop_token>
 #include <string>
 
 #include "core/api/agent_api.h"
 #include "core/contacts/contact_book.h"
 #include "core/send/message_sender.h"
 #include "core/sync/state_store.h"
+#include "core/sync/stop_source.h"
 #include "core/sync/sync_logger.h"
 
 namespace corvane {
@@ -41,7 +41,7 @@ struct CycleDeps {
   std::function<std::int64_t()> now;  // Unix milliseconds
   // Checked between stages and between two outbox items, never during a
   // send; a requested stop ends the cycle with CycleStopped.
-  std::stop_token stop{};
+  StopToken stop{};
   // Keeps the directory's aggregates from one cycle to the next; absent, the
   // directory is read in full every cycle.
   std::shared_ptr<DirectoryCache> directoryCache{};
@@ -96,7 +96,7 @@ CycleResult runCycle(const CycleDeps& deps);
 // Runs cycles until `stop` is requested (returns 0 after logging "stopped"),
 // the device is revoked (revokedExitCode), or, with `once`, after one cycle
 // (0 on success, 1 on failure). A stop never interrupts a running cycle.
-std::int32_t runDaemon(CycleDeps deps, DaemonOptions options, std::stop_token stop = {});
+std::int32_t runDaemon(CycleDeps deps, DaemonOptions options, StopToken stop = {});
 
 // About base × 2^(failures − 1) seconds, capped at 900, with ±15% jitter.
 int backoffSec(int base, int failures, const std::function<double()>& random = {});

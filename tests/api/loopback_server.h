@@ -5,6 +5,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -144,7 +145,7 @@ class ScriptedServer {
   using Script = std::function<void(Connection&)>;
 
   explicit ScriptedServer(Script script) : script_(std::move(script)) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    listener_ = closeOnExec(::socket(AF_INET, SOCK_STREAM, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -193,9 +194,17 @@ class ScriptedServer {
   }
 
  private:
+  // Tests start child processes while the server runs, and a child holding
+  // a copy of a socket would keep the peer from seeing it close. macOS has
+  // neither SOCK_CLOEXEC nor accept4, hence the separate step.
+  static int closeOnExec(int fd) {
+    if (fd >= 0) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    return fd;
+  }
+
   void serve() {
     for (;;) {
-      const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+      const int client = closeOnExec(::accept(listener_, nullptr, nullptr));
       if (client < 0 && errno == EINTR) continue;
       if (client < 0) return;
       {

@@ -1,5 +1,7 @@
 #include "tests/support/temp_dir.h"
 
+#include <unistd.h>  // mkdtemp on macOS
+
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>

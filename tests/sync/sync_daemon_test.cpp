@@ -84,13 +84,13 @@ class DaemonTest : public ::testing::Test {
 
   // Runs the daemon; the sleep hook records waits and stops it after `cycles` sleeps.
   std::int32_t run(int cycles, SyncEngine::DaemonOptions options = {}) {
-    std::stop_source stop;
+    StopSource stop;
     options.sleep = [&, cycles](std::int64_t s) {
       waits.push_back(s);
-      if (static_cast<int>(waits.size()) >= cycles) stop.request_stop();
+      if (static_cast<int>(waits.size()) >= cycles) stop.requestStop();
     };
     options.random = [] { return 0.5; };
-    return SyncEngine::runDaemon(deps(), std::move(options), stop.get_token());
+    return SyncEngine::runDaemon(deps(), std::move(options), stop.token());
   }
 
   void failCallsWith(std::function<std::optional<APIError>()> error) {
@@ -190,7 +190,7 @@ TEST_F(DaemonTest, ContactsAreLoadedOncePerTTLAndEveryCycleSharesTheDirectoryCac
 }
 
 TEST_F(DaemonTest, DefaultSleepWakesWhenStopIsRequested) {
-  std::stop_source stop;
+  StopSource stop;
   // The stopper learns of the first call through an atomic: `calls` itself
   // belongs to the daemon's thread.
   std::atomic<bool> called = false;
@@ -200,12 +200,34 @@ TEST_F(DaemonTest, DefaultSleepWakesWhenStopIsRequested) {
   };
   std::thread stopper([&] {
     while (!called) std::this_thread::yield();
-    stop.request_stop();
+    stop.requestStop();
   });
   // Without the early wake-up this would wait the full hour.
   api->config.pollIntervalSec = 3600;
-  EXPECT_EQ(SyncEngine::runDaemon(deps(), {}, stop.get_token()), 0);
+  EXPECT_EQ(SyncEngine::runDaemon(deps(), {}, stop.token()), 0);
   stopper.join();
+}
+
+// A stop reaches every copy and every token of its source, including a
+// waiter that is already asleep; nothing else stops a token.
+TEST(StopSourceTest, AStopReachesEveryTokenOfItsSourceOnly) {
+  using namespace std::chrono_literals;
+  StopSource source, other;
+  const StopToken token = source.token();
+  StopSource copy = source;
+  EXPECT_FALSE(token.stopRequested());
+  EXPECT_FALSE(StopToken().stopRequested());
+  EXPECT_FALSE(StopToken().waitFor(0s)) << "a token without a source is never stopped";
+  EXPECT_FALSE(token.waitFor(1ms)) << "a wait without a stop runs out";
+
+  std::atomic<bool> woke = false;
+  std::thread waiter([&] { woke = token.waitFor(24h); });
+  copy.requestStop();
+  waiter.join();  // would take a day without the wake-up
+  EXPECT_TRUE(woke);
+  EXPECT_TRUE(source.stopRequested());
+  EXPECT_TRUE(token.waitFor(24h)) << "a stopped token does not wait";
+  EXPECT_FALSE(other.token().stopRequested());
 }
 
 // Callers arriving together wait for the one load instead of each reading
@@ -222,15 +244,14 @@ TEST(ContactsCacheTest, CallersShareOneLoadUntilItExpiresOrIsInvalidated) {
   constexpr int kThreads = 8;
   std::latch start(kThreads);
   std::vector<std::shared_ptr<const ContactBook>> seen(kThreads);
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&, i] {
-        start.arrive_and_wait();
-        seen[i] = cache.get();
-      });
-    }
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      start.arrive_and_wait();
+      seen[i] = cache.get();
+    });
   }
+  for (auto& thread : threads) thread.join();
   EXPECT_EQ(loads, 1);
   for (const auto& book : seen) EXPECT_EQ(book, seen[0]);
   clock = 9999;
