@@ -197,6 +197,8 @@ void AppModel::start() {
     p.launchAtLogin = !options_.previewMode && s_.loginItem.isEnabled()
                           ? true
                           : !s_.defaults.getBool(DefaultsKey::setupCompleted);
+    // A registration the user hasn't approved yet reads as off; say why.
+    if (!options_.previewMode) p.loginItemError = s_.loginItem.pendingApproval();
     if (options_.qaExpectLink) p.pairing = PairingState::waitingForBrowser(s_.clock());
   });
   if (s_.updater) {

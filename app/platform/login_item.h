@@ -26,6 +26,10 @@ class LoginItem {
   // Each returns absent on success, else the failure as a finished sentence.
   virtual std::optional<std::string> registerItem() = 0;
   virtual std::optional<std::string> unregisterItem() = 0;
+  // While a registration waits for the user's approval in the system's
+  // settings (it is not enabled meanwhile), the sentence saying where to
+  // give it; absent otherwise, and on systems that never ask.
+  virtual std::optional<std::string> pendingApproval() { return std::nullopt; }
 
   // This system's login item for the running application.
   static std::unique_ptr<LoginItem> makeDefault();

@@ -31,6 +31,11 @@ std::optional<std::string> ServiceLoginItem::registerItem() {
   return failure;
 }
 
+std::optional<std::string> ServiceLoginItem::pendingApproval() {
+  if (stateOf(service_->status()) != State::awaitingApproval) return std::nullopt;
+  return approvalNeeded;
+}
+
 std::optional<std::string> ServiceLoginItem::unregisterItem() {
   return service_->unregisterService();
 }

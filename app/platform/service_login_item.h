@@ -56,6 +56,7 @@ class ServiceLoginItem final : public LoginItem {
   // registration that ends up waiting answers `approvalNeeded`.
   std::optional<std::string> registerItem() override;
   std::optional<std::string> unregisterItem() override;
+  std::optional<std::string> pendingApproval() override;
 
  private:
   std::unique_ptr<LoginService> service_;

@@ -433,6 +433,16 @@ TEST_F(AppModelTest, FinishingSetupRegistersTheLoginItemAndTheToggleChangesOnlyW
   EXPECT_FALSE(rig.published().launchAtLogin);
 }
 
+// An item waiting for approval in the system's settings is off, and the
+// screen says where to approve it, from the start.
+TEST_F(AppModelTest, ALoginItemAwaitingApprovalShowsOffWithWhereToApprove) {
+  rig.defaults.setBool(DefaultsKey::setupCompleted, true);
+  rig.loginItem.approval = "Approve it in System Settings.";
+  rig.start();
+  EXPECT_FALSE(rig.published().launchAtLogin);
+  EXPECT_EQ(rig.published().loginItemError, "Approve it in System Settings.");
+}
+
 // Observers and lifetime.
 
 TEST_F(AppModelTest, ObserversHearOfChangesOnlyAndCanLeave) {

@@ -53,6 +53,8 @@ TEST(ServiceLoginItemTest, OnlyAnApprovedRegistrationIsEnabled) {
     service->current = c.status;
     ServiceLoginItem item(std::move(service));
     EXPECT_EQ(item.isEnabled(), c.state == ServiceLoginItem::State::on);
+    EXPECT_EQ(item.pendingApproval().has_value(),
+              c.state == ServiceLoginItem::State::awaitingApproval);
   }
 }
 

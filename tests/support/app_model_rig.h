@@ -63,10 +63,11 @@ class FakeProbes final : public PermissionProbes {
 class FakeLoginItem final : public LoginItem {
  public:
   bool enabled = false;
-  std::optional<std::string> failure;
+  std::optional<std::string> failure, approval;
   int registers = 0, unregisters = 0;
 
   bool isEnabled() override { return enabled; }
+  std::optional<std::string> pendingApproval() override { return approval; }
   std::optional<std::string> registerItem() override { return change(true, registers); }
   std::optional<std::string> unregisterItem() override { return change(false, unregisters); }
   std::optional<std::string> change(bool on, int& count) {
