@@ -13,7 +13,8 @@ all: build
 deps:
 	@scripts/install-deps
 
-configure:
+# A fresh machine lacks the libraries; configuring finds them installed.
+configure: deps
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 
 build: configure
@@ -25,10 +26,9 @@ test: deps build
 # Runs the agent end to end against a local development server. Builds only
 # the three programs the demo runs (not the tests), and shows the build's
 # progress and the agent's output rather than make's.
-DEMO_TARGETS = Corvane corvane-devserver chatdb-gen
 demo: deps
 	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) --log-level=WARNING
-	@cmake --build $(BUILD_DIR) -j $(JOBS) --target $(DEMO_TARGETS)
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target demo-programs
 	@BUILD_DIR=$(BUILD_DIR) scripts/demo
 
 # The setup window's screens and the menu, rendered offscreen into
