@@ -1,4 +1,5 @@
-// Process entry: --render-icon, --headless, or the menu-bar application.
+// Process entry: --render-icon, --headless, or the menu-bar application; and
+// help, the version and usage errors, which need none of them.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -9,7 +10,9 @@
 #include "app/headless/stop_signals.h"
 #include "app/ui/app_icon.h"
 #include "app/ui/application.h"
+#include "app/ui/qt_platform.h"
 #include "core/contacts/phone.h"
+#include "core/protocol/app_info.h"
 
 namespace {
 
@@ -34,13 +37,36 @@ int runHeadless(const corvane::CommandLine& args) {
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   const corvane::CommandLine args(argc, argv);
-  if (const auto out = args.value("--render-icon")) {
-    if (const auto failure = corvane::AppIcon::renderToFile(*out, args.value("--size"))) {
-      std::fprintf(stderr, "render failed: %s\n", failure->c_str());
-      return 1;
-    }
-    return 0;
+  const corvane::EntryChoice choice = corvane::chooseEntry(args);
+  switch (choice.entry) {
+    case corvane::Entry::renderIcon:
+      if (const auto failure =
+              corvane::AppIcon::renderToFile(*args.value("--render-icon"), args.value("--size"))) {
+        std::fprintf(stderr, "render failed: %s\n", failure->c_str());
+        return 1;
+      }
+      return 0;
+    case corvane::Entry::headless:
+      return runHeadless(args);
+    case corvane::Entry::help:
+      std::printf("%s\n", corvane::fullUsageText(corvane::UsagePlaces::thisPlatform()).c_str());
+      return 0;
+    case corvane::Entry::version:
+      std::printf("Corvane %s\n", corvane::AppInfo::version().c_str());
+      return 0;
+    case corvane::Entry::usageError:
+      std::fprintf(stderr, "Corvane: unknown option %s\n\n%s\n", choice.unknownOption.c_str(),
+                   corvane::fullUsageText(corvane::UsagePlaces::thisPlatform()).c_str());
+      return corvane::kUsageExitCode;
+    case corvane::Entry::application:
+      break;
   }
-  if (args.flag("--headless")) return runHeadless(args);
+  // Qt would abort the process on a missing display, with advice that
+  // doesn't help.
+  if (const auto missing = corvane::QtPlatform::missingDisplay(
+          args, corvane::UserDirectories::processEnvironment, corvane::QtPlatform::defaultNames())) {
+    std::fprintf(stderr, "%s\n", missing->c_str());
+    return corvane::QtPlatform::kNoDisplayExitCode;
+  }
   return corvane::runApplication(argc, argv);
 }

@@ -11,6 +11,7 @@
 
 #include "app/headless/command_line.h"
 #include "app/platform/token_store.h"
+#include "core/protocol/app_info.h"
 #include "tests/api/loopback_server.h"
 #include "tests/e2e/headless_fixture.h"
 
@@ -49,6 +50,42 @@ TEST_F(HeadlessE2E, HelpAndAnInsecureServerEndTheRunBeforeAnythingRuns) {
     EXPECT_EQ(run.out, c.out);
     EXPECT_EQ(run.log(), c.log.empty() ? std::vector<std::string>{} : std::vector{c.log});
   }
+  EXPECT_TRUE(contentsOf(home()).empty());
+  EXPECT_TRUE(contentsOf(xdgConfig()).empty());
+}
+
+// The front door, with no display, no token and a home of no one: help and
+// the version answer, a mistyped option is refused, and the application
+// says what it lacks instead of letting Qt abort.
+TEST_F(HeadlessE2E, TheCommandLineAnswersWithoutADisplay) {
+  const std::string help = fullUsageText(UsagePlaces::thisPlatform()) + "\n";
+  const std::string noDisplay =
+      "Corvane: no display to show the application on (DISPLAY and WAYLAND_DISPLAY are not set); "
+      "Corvane --headless runs the agent without one, see Corvane --help\n";
+  const struct {
+    std::vector<std::string> args;
+    int code;
+    std::string out, err;
+  } cases[] = {
+      {{"--help"}, 0, help, ""},
+      {{"-h", "corvane://connect?code=AB12"}, 0, help, ""},
+      {{"--version"}, 0, "Corvane " + AppInfo::version() + "\n", ""},
+      {{"--headless", "--version"}, 0, "Corvane " + AppInfo::version() + "\n", ""},
+      {{"--headless", "--version", "--help"}, 0, std::string(kUsageText) + "\n", ""},
+      {{"--bogus"}, 64, "", "Corvane: unknown option --bogus\n\n" + help},
+      {{"--headless", "--onse", "--token", "t"}, 64, "", "Corvane: unknown option --onse\n\n" + help},
+      {{}, 69, "", noDisplay},
+      {{"corvane://connect?code=AB12"}, 69, "", noDisplay},
+      {{"--snapshot-setup", home().string()}, 69, "", noDisplay},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    const AgentRun run = corvaneCommand(c.args);
+    ASSERT_EXIT_CODE(run, c.code);
+    EXPECT_EQ(run.out, c.out);
+    EXPECT_EQ(run.err, c.err);
+  }
+  EXPECT_TRUE(contentsOf(userHome()).empty());
   EXPECT_TRUE(contentsOf(home()).empty());
   EXPECT_TRUE(contentsOf(xdgConfig()).empty());
 }

@@ -186,6 +186,17 @@ class HeadlessE2E : public ::testing::Test {
     return run;
   }
 
+  // Corvane with `args` as its whole command line: no "--headless" added,
+  // and, as in every run here, no display.
+  AgentRun corvaneCommand(const std::vector<std::string>& args) const {
+    ChildProcess child(corvane_.string(), args, environment());
+    AgentRun run;
+    run.status = child.wait();
+    run.out = child.out();
+    run.err = child.spawnError() + child.err();
+    return run;
+  }
+
   std::unique_ptr<ChildProcess> startCorvane(const std::vector<std::string>& args,
                                              std::optional<std::string> envToken = std::nullopt,
                                              std::vector<std::string> prefix = {}) const {

@@ -1,0 +1,7 @@
+#include "app/headless/command_line.h"
+
+namespace corvane {
+
+UsagePlaces UsagePlaces::thisPlatform() { return macOS(); }
+
+}  // namespace corvane
