@@ -183,12 +183,16 @@ void AppModel::start() {
   store_ = storeForAccount();
   const auto savedServer = s_.defaults.getString(DefaultsKey::server);
   const auto server = savedServer ? ServerURL::validate(*savedServer) : std::nullopt;
-  const PermissionState automation = Permissions::loadAutomationAnswer(s_.defaults);
+  const PermissionState automation = options_.sendsThroughMessages
+                                         ? Permissions::loadAutomationAnswer(s_.defaults)
+                                         : PermissionState::granted;
   update([&](Published& p) {
     p.connected = token_.has_value();
     p.userName = s_.defaults.getString(DefaultsKey::userName);
     p.server = server.value_or(ServerURL::defaultURL());
     p.automation = automation;
+    p.automationNeeded = options_.sendsThroughMessages;
+    p.addressBook = options_.addressBook;
   });
   if (!options_.previewMode) loadState();
   refreshProbes();
@@ -457,7 +461,9 @@ void AppModel::disconnect(std::optional<std::string> message) {
 void AppModel::refreshProbes() {
   if (options_.previewMode) return;
   const FullDiskAccess access = s_.probes.probeFullDiskAccess(options_.chatDBPath);
-  const PermissionState automation = Permissions::refreshAutomation(s_.probes, s_.defaults);
+  const PermissionState automation = options_.sendsThroughMessages
+                                         ? Permissions::refreshAutomation(s_.probes, s_.defaults)
+                                         : PermissionState::granted;
   const PermissionState contacts = s_.probes.contactsAuthorization();
   const bool contactsMoved = contacts != p_.contacts;
   update([&](Published& p) {
@@ -475,7 +481,7 @@ void AppModel::refreshPermissions() {
 }
 
 void AppModel::requestAutomation() {
-  if (options_.previewMode || p_.automationBusy) return;
+  if (options_.previewMode || p_.automationBusy || !options_.sendsThroughMessages) return;
   update([&](Published& p) { p.automationBusy = true; });
   PermissionProbes& probes = s_.probes;
   offMain<AutomationRequest>([&probes] { return probes.requestAutomation(); },
@@ -495,7 +501,7 @@ void AppModel::requestAutomation() {
 }
 
 void AppModel::requestContacts() {
-  if (options_.previewMode || p_.contactsBusy) return;
+  if (options_.previewMode || p_.contactsBusy || !options_.addressBook) return;
   update([&](Published& p) { p.contactsBusy = true; });
   s_.probes.requestContactsAccess(onMain<bool>([this](bool) {
     const PermissionState contacts = s_.probes.contactsAuthorization();

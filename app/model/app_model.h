@@ -96,6 +96,10 @@ class AppModel {
     std::optional<std::string> automationMessage{};
     PermissionState contacts = PermissionState::unknown;
     bool contactsBusy = false;  // the Contacts prompt is showing
+    // What the system has to ask for (Options): without Messages sending
+    // needs no permission, and without an address book there are no names.
+    bool automationNeeded = true;
+    bool addressBook = true;
     std::optional<std::int64_t> openedFullDiskSettingsAt{};
     bool paused = false;
     SyncPhase phase{};
@@ -146,6 +150,12 @@ class AppModel {
     std::string deviceName;
     bool previewMode = false;   // screenshots: no probes, no network, no token store
     bool qaExpectLink = false;  // "--qa-expect-link": as if Connect had just been pressed
+    // Texts go through Messages, so sending needs Automation; otherwise the
+    // sender needs no permission and Automation counts as granted.
+    bool sendsThroughMessages = true;
+    // The Contacts step has an address book to ask for; otherwise it only
+    // says so.
+    bool addressBook = true;
   };
 
   // The texts the model publishes.

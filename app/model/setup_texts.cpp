@@ -41,8 +41,11 @@ std::string moveFailed(std::string_view error) {
 std::vector<std::string> skippedPermissions(const AppModel::Published& published) {
   std::vector<std::string> names;
   if (published.automation != PermissionState::granted) names.emplace_back("Automation");
-  // A denied answer was the user's decision, not a skip.
-  if (published.contacts == PermissionState::unknown) names.emplace_back("Contacts");
+  // A denied answer was the user's decision, not a skip; without an address
+  // book there is nothing to turn on later.
+  if (published.contacts == PermissionState::unknown && published.addressBook) {
+    names.emplace_back("Contacts");
+  }
   return names;
 }
 

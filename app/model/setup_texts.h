@@ -42,7 +42,8 @@ std::string moveFailed(std::string_view error);
 
 // The permissions the user went past without turning them on, in the
 // wizard's order: Automation when it is not granted, Contacts when it was
-// never decided. Only meaningful once the wizard reached its last step.
+// never decided and there is an address book. Only meaningful once the
+// wizard reached its last step.
 std::vector<std::string> skippedPermissions(const AppModel::Published& published);
 
 // "Automation and Contacts. Turn them on anytime from Setup… in the menu.";

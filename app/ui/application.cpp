@@ -234,6 +234,7 @@ int runApplication(int argc, char** argv) {
       defaults->getString(DefaultsKey::chatDBPath).value_or(ChatDB::defaultPath());
   const std::string region = Phone::detectRegion();
   const std::string userAgent = "corvane-mac/" + AppInfo::version();
+  const SystemIntegration::Capabilities system = SystemIntegration::capabilities();
 
   AppModel model(AppModel::Services{
                      .tokens = *tokens,
@@ -265,6 +266,8 @@ int runApplication(int argc, char** argv) {
                      .deviceName = AppInfo::deviceName(),
                      .previewMode = false,
                      .qaExpectLink = args.flag("--qa-expect-link"),
+                     .sendsThroughMessages = system.sendsThroughMessages,
+                     .addressBook = system.addressBook,
                  });
 
   SetupWindowHost host(model, opener);
@@ -298,7 +301,8 @@ int runApplication(int argc, char** argv) {
     tray = std::make_unique<TrayMenu>(
         model, AppIcon::trayIcon(),
         TrayMenu::Actions{.showSetup = [&delegate] { delegate.showSetupWindow(); },
-                          .quit = quitSoon});
+                          .quit = quitSoon},
+        !system.statusMenuOpensOnClick);
   }
 
   // Coming back to the application is when permissions granted in System

@@ -523,6 +523,7 @@ QWidget* SetupWindow::buildAutomationPage() {
 
   automationGrantedRow_ =
       grantedRow("automationGranted", QStringLiteral("Corvane can send through Messages"), page);
+  automationGranted_ = automationGrantedRow_->findChild<QLabel*>(QStringLiteral("automationGranted"));
   column(page)->addWidget(automationGrantedRow_);
   automationContinue_ =
       makeButton("automationContinue", "primary", QStringLiteral("Continue"), page);
@@ -566,8 +567,14 @@ QWidget* SetupWindow::buildContactsPage() {
   column(page)->addWidget(denied);
 
   contactsContinue_ = makeButton("contactsContinue", "primary", QStringLiteral("Continue"), page);
-  connect(contactsContinue_, &QPushButton::clicked, this,
-          [this] { model_.advance(SetupStep::contacts); });
+  // Without an address book there is nothing to come back for.
+  connect(contactsContinue_, &QPushButton::clicked, this, [this] {
+    if (model_.published().addressBook) {
+      model_.advance(SetupStep::contacts);
+    } else {
+      model_.skip(SetupStep::contacts);
+    }
+  });
   column(page)->addSpacing(4);
   column(page)->addWidget(centredRow(page, {contactsContinue_}));
 
@@ -649,11 +656,22 @@ void SetupWindow::renderHeader(const AppModel::Published& p) {
        "website \u2014 Corvane takes it from there."},
   };
   const Header& h = headers[static_cast<int>(p.step)];
+  const char* body = h.body;
+  // Where the system has no Messages app or no address book, the two steps
+  // say so instead of promising a prompt.
+  if (p.step == SetupStep::automation && !p.automationNeeded) {
+    body = "Corvane only sends a text when you tap Send on the website, or when it replies to a "
+           "note you texted yourself. This computer has no Messages app: texts are written to a "
+           "file instead, and no permission is needed.";
+  } else if (p.step == SetupStep::contacts && !p.addressBook) {
+    body = "Corvane can put names from your address book on the people you text, but this "
+           "computer has none it can read. You can name people on the website instead.";
+  }
   symbol_->setSymbol(h.symbol, h.colour);
   caption_->setText(QString::fromUtf8(h.caption));
   caption_->setVisible(*h.caption != '\0');
   title_->setText(QString::fromUtf8(h.title));
-  body_->setText(QString::fromUtf8(h.body));
+  body_->setText(QString::fromUtf8(body));
 }
 
 void SetupWindow::renderMove(const AppModel::Published& p) {
@@ -712,19 +730,22 @@ void SetupWindow::renderAutomation(const AppModel::Published& p) {
   automationMessage_->setVisible(!granted && p.automationMessage.has_value());
   automationMessage_->setText(p.automationMessage ? q(*p.automationMessage) : QString());
   automationGrantedRow_->setVisible(granted);
+  automationGranted_->setText(p.automationNeeded ? QStringLiteral("Corvane can send through Messages")
+                                                 : QStringLiteral("No permission needed here"));
   showControl(automationContinue_, granted);
   showControl(skipAutomation_, !granted);
 }
 
 void SetupWindow::renderContacts(const AppModel::Published& p) {
   const bool undecided = p.contacts == PermissionState::unknown;
-  showControl(allowContacts_, undecided);
+  const bool ask = undecided && p.addressBook;
+  showControl(allowContacts_, ask);
   allowContacts_->setEnabled(!p.contactsBusy);
   contactsBusy_->setVisible(p.contactsBusy);
   contactsGrantedRow_->setVisible(p.contacts == PermissionState::granted);
   contactsDeniedBox_->setVisible(p.contacts == PermissionState::denied);
-  showControl(contactsContinue_, !undecided);
-  showControl(skipContacts_, undecided);
+  showControl(contactsContinue_, !ask);
+  showControl(skipContacts_, ask);
 }
 
 void SetupWindow::renderDone(const AppModel::Published& p) {

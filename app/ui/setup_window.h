@@ -111,6 +111,7 @@ class SetupWindow : public QWidget {
   QWidget* automationDeniedBox_ = nullptr;
   QLabel* automationMessage_ = nullptr;
   QWidget* automationGrantedRow_ = nullptr;
+  QLabel* automationGranted_ = nullptr;
   QPushButton* automationContinue_ = nullptr;
   QPushButton* skipAutomation_ = nullptr;
 

@@ -245,6 +245,13 @@ std::vector<Shot> setupShots() {
          p.automation = S::granted;
          return p;
        }},
+      {"3d-automation-no-messages",
+       [=] {
+         auto p = granted(SetupStep::automation);
+         p.automation = S::granted;
+         p.automationNeeded = false;
+         return p;
+       }},
       {"4-contacts",
        [=] {
          auto p = granted(SetupStep::contacts);
@@ -263,6 +270,13 @@ std::vector<Shot> setupShots() {
          auto p = granted(SetupStep::contacts);
          p.automation = S::granted;
          p.contacts = S::granted;
+         return p;
+       }},
+      {"4d-contacts-no-address-book",
+       [=] {
+         auto p = granted(SetupStep::contacts);
+         p.automation = S::granted;
+         p.addressBook = false;
          return p;
        }},
       {"5-done",

@@ -16,6 +16,18 @@
 
 namespace corvane::SystemIntegration {
 
+// What the system offers that the setup and the menu depend on.
+struct Capabilities {
+  // Texts go through Messages, which needs the Automation permission;
+  // otherwise makeSender's development sender, which needs none.
+  bool sendsThroughMessages = false;
+  // An address book the Contacts step can ask for.
+  bool addressBook = false;
+  // A click on the status icon opens its menu without our help.
+  bool statusMenuOpensOnClick = false;
+};
+Capabilities capabilities();
+
 // The application's log: the unified system log on macOS (subsystem the
 // bundle identifier, category "agent"; Console shows it), standard error
 // elsewhere. The headless mode keeps standard error everywhere.

@@ -9,6 +9,9 @@
 
 namespace corvane::SystemIntegration {
 
+// No Messages, no address book, and tray hosts that only report a click.
+Capabilities capabilities() { return {}; }
+
 std::shared_ptr<SyncLogger> makeLogger() { return std::make_shared<ConsoleLogger>(); }
 
 std::shared_ptr<MessageSender> makeSender(const std::string&, const std::filesystem::path& stateDir,

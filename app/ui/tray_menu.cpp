@@ -1,6 +1,7 @@
 #include "app/ui/tray_menu.h"
 
 #include <QAction>
+#include <QCursor>
 #include <QMenu>
 #include <QSystemTrayIcon>
 
@@ -24,7 +25,8 @@ QMenu::separator { height: 1px; background: #e2e3e7; margin: 5px 10px; }
 
 }  // namespace
 
-TrayMenu::TrayMenu(AppModel& model, const QIcon& icon, Actions actions, QObject* parent)
+TrayMenu::TrayMenu(AppModel& model, const QIcon& icon, Actions actions, bool popUpOnClick,
+                   QObject* parent)
     : QObject(parent), model_(model), actions_(std::move(actions)) {
   menu_ = std::make_unique<QMenu>();
   menu_->setObjectName(QStringLiteral("trayMenu"));
@@ -61,6 +63,16 @@ TrayMenu::TrayMenu(AppModel& model, const QIcon& icon, Actions actions, QObject*
   tray_ = std::make_unique<QSystemTrayIcon>(icon);
   tray_->setObjectName(QStringLiteral("trayIcon"));
   tray_->setContextMenu(menu_.get());
+  if (popUpOnClick) {
+    // Qt opens the context menu on a right click and only reports a left
+    // one (Trigger); a status icon's menu opens on either.
+    connect(tray_.get(), &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) {
+              if (reason != QSystemTrayIcon::Trigger || menu_->isVisible()) return;
+              const QRect icon = tray_->geometry();
+              menu_->popup(icon.isValid() ? icon.bottomLeft() : QCursor::pos());
+            });
+  }
 
   observer_ = model_.observe([this] { refresh(); });
   refresh();

@@ -31,8 +31,11 @@ class TrayMenu : public QObject {
     std::function<void()> quit;       // "Quit Corvane"
   };
 
-  // The icon is not shown until show() is called.
-  TrayMenu(AppModel& model, const QIcon& icon, Actions actions, QObject* parent = nullptr);
+  // The icon is not shown until show() is called. With `popUpOnClick` a
+  // single click on the icon opens the menu too, not only a right click:
+  // for systems that don't do that themselves (SystemIntegration).
+  TrayMenu(AppModel& model, const QIcon& icon, Actions actions, bool popUpOnClick = true,
+           QObject* parent = nullptr);
   ~TrayMenu() override;
 
   void show();

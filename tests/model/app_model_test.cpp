@@ -1,4 +1,5 @@
 #include "app/model/app_model.h"
+#include "app/model/setup_texts.h"
 
 #include <gtest/gtest.h>
 
@@ -335,6 +336,39 @@ TEST(AppModelPermissionTest, AutomationRequestOutcomes) {
     EXPECT_EQ(rig.statuses().size(), reportsBefore + 1);
     expectStepAfter(rig, 1.0, c.advances ? SetupStep::contacts : SetupStep::automation);
   }
+}
+
+// Without Messages, sending needs no permission: Automation counts as
+// granted whatever was remembered, and nothing is asked. Without an address
+// book the Contacts step is still shown, once; going on from it is no skip
+// the done screen would ask to undo.
+TEST(AppModelPermissionTest, WhatThePlatformLacksIsNeitherAskedNorMissed) {
+  AppModelRig rig;
+  rig.options.sendsThroughMessages = false;
+  rig.options.addressBook = false;
+  Permissions::saveAutomationAnswer(rig.defaults, S::denied);
+  rig.probes.automationAnswer = S::denied;
+  rig.startPaired();
+  EXPECT_EQ(rig.published().automation, S::granted);
+  EXPECT_FALSE(rig.published().automationNeeded);
+  EXPECT_FALSE(rig.published().addressBook);
+  EXPECT_EQ(rig.published().step, SetupStep::contacts);
+  ASSERT_FALSE(rig.statuses().empty());
+  EXPECT_EQ(rig.statuses().back().automationAccess, S::granted);
+
+  rig.model().requestAutomation();
+  rig.model().requestContacts();
+  rig.model().refreshPermissions();
+  rig.settle();
+  EXPECT_EQ(rig.probes.automationRequests, 0);
+  EXPECT_EQ(rig.probes.contactsRequests, 0);
+  EXPECT_EQ(rig.published().automation, S::granted);
+
+  rig.model().skip(SetupStep::contacts);
+  EXPECT_EQ(rig.published().step, SetupStep::done);
+  EXPECT_TRUE(SetupTexts::skippedPermissions(rig.published()).empty());
+  rig.model().showCurrentStep();
+  EXPECT_EQ(rig.published().step, SetupStep::done);
 }
 
 // The tick and the reports.

@@ -14,17 +14,20 @@ TEST(SetupTextsTest, SkippedPermissionsAreTheOnesLeftOffAndUndecidedWithTheProno
   const struct {
     S automation, contacts;
     std::string sentence;
+    bool addressBook = true;
   } cases[] = {
       {S::granted, S::granted, ""},
       {S::granted, S::denied, ""},  // the user answered: not a skip
       {S::granted, S::unknown, "Contacts. Turn it on" + turnOn},
       {S::denied, S::granted, "Automation. Turn it on" + turnOn},
       {S::unknown, S::unknown, "Automation and Contacts. Turn them on" + turnOn},
+      {S::unknown, S::unknown, "Automation. Turn it on" + turnOn, false},  // nothing to turn on
   };
   for (const auto& c : cases) {
     AppModel::Published p;
     p.automation = c.automation;
     p.contacts = c.contacts;
+    p.addressBook = c.addressBook;
     EXPECT_EQ(SetupTexts::skippedPermissionsSentence(SetupTexts::skippedPermissions(p)), c.sentence)
         << static_cast<int>(c.automation) << "/" << static_cast<int>(c.contacts);
   }

@@ -82,6 +82,18 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
       {"contacts: granted", {.contacts = S::granted, .step = Step::contacts},
        {"contactsGranted", "contactsContinue"}, {"allowContacts", "contactsDenied", "skipContacts"},
        {}},
+      // Without Messages or an address book: the same screens, saying so.
+      {"automation: no Messages app",
+       {.automation = S::granted, .automationNeeded = false, .step = Step::automation},
+       {"automationGranted", "automationContinue"}, {"allowSending", "skipAutomation"},
+       {{"automationGranted", "No permission needed here"},
+        {"stepTitle", "Let Corvane send the texts you approve"}}},
+      {"automation: Messages, granted", {.automation = S::granted, .step = Step::automation},
+       {"automationGranted"}, {"allowSending"},
+       {{"automationGranted", "Corvane can send through Messages"}}},
+      {"contacts: no address book", {.addressBook = false, .step = Step::contacts},
+       {"contactsContinue"}, {"allowContacts", "skipContacts", "contactsGranted", "contactsDenied"},
+       {{"stepTitle", "Show names, not numbers"}}},
       {"done: one skipped", {.contacts = S::granted, .step = Step::done},
        {"skippedPermissions", "launchAtLogin", "done", "openCorvane"}, {},
        {{"skippedPermissions", SetupTexts::skippedPermissionsSentence({"Automation"})},
@@ -232,6 +244,33 @@ TEST_F(SetupWindowTest, TheStepsAfterConnecting) {
   click(w, "done");
   EXPECT_TRUE(rig.model().setupCompleted());
   EXPECT_EQ(closed, 1);
+}
+
+// Where texts go to the development sender and there is no address book,
+// Full Disk Access leads past Automation to a Contacts screen that only
+// says so, and going on from it leaves nothing to turn on later.
+TEST_F(SetupWindowTest, WithoutMessagesOrAnAddressBookTheStepsSaySoAndGoOn) {
+  rig.options.sendsThroughMessages = false;
+  rig.options.addressBook = false;
+  rig.pairedBefore();
+  rig.probes.access = {false, false};
+  SetupWindow& w = open();
+  ASSERT_EQ(published().step, SetupStep::fullDisk);
+  rig.probes.access = {true, true};
+  click(w, "openFullDiskSettings");
+  rig.scheduler.advance(5);
+  ASSERT_EQ(published().step, SetupStep::contacts);
+  EXPECT_NE(text(w, "stepBody").find("none it can read"), std::string::npos) << text(w, "stepBody");
+  click(w, "back");
+  EXPECT_NE(text(w, "stepBody").find("no Messages app"), std::string::npos) << text(w, "stepBody");
+  expectShown(w, {"automationGranted", "automationContinue"}, {"allowSending", "skipAutomation"});
+  click(w, "automationContinue");
+  click(w, "contactsContinue");
+  ASSERT_EQ(published().step, SetupStep::done);
+  EXPECT_FALSE(shown(w, "skippedPermissions"));
+  EXPECT_EQ(rig.probes.automationRequests + rig.probes.contactsRequests, 0);
+  rig.model().showCurrentStep();  // reopening the window starts at done
+  EXPECT_EQ(published().step, SetupStep::done);
 }
 
 }  // namespace

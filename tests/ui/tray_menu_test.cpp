@@ -20,10 +20,11 @@ class TrayMenuTest : public ::testing::Test {
   std::unique_ptr<TrayMenu> tray;
 
   // The menu over the rig's model; over a preview model, the test sets what it shows.
-  AppModel& make(bool preview = false) {
+  AppModel& make(bool preview = false, bool popUpOnClick = true) {
     rig.options.previewMode = preview;
     tray = std::make_unique<TrayMenu>(
-        rig.model(), QIcon(), TrayMenu::Actions{[this] { ++setupShown; }, [this] { ++quits; }});
+        rig.model(), QIcon(), TrayMenu::Actions{[this] { ++setupShown; }, [this] { ++quits; }},
+        popUpOnClick);
     return rig.model();
   }
   QAction* item(const char* name) {
@@ -116,6 +117,42 @@ TEST_F(TrayMenuTest, TheItemsCallTheModelAndTheApplication) {
   EXPECT_EQ(setupShown, 1);
   choose("quit");
   EXPECT_EQ(quits, 1);
+}
+
+// A single click opens the menu, fresh, where the system only reports the
+// click; where the system opens it itself, a second menu never pops up.
+TEST_F(TrayMenuTest, ASingleClickOnTheIconOpensTheMenu) {
+  using R = QSystemTrayIcon::ActivationReason;
+  const struct {
+    bool popUpOnClick;
+    R reason;
+    bool opens;
+  } cases[] = {
+      {true, R::Trigger, true},      {true, R::Context, false},  // Qt opens that one itself
+      {true, R::DoubleClick, false}, {true, R::MiddleClick, false},
+      {false, R::Trigger, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << "popUpOnClick " << c.popUpOnClick << ", reason "
+                                      << static_cast<int>(c.reason));
+    make(false, c.popUpOnClick);
+    item("status")->setText({});
+    emit tray->trayIcon()->activated(c.reason);
+    EXPECT_EQ(tray->menu()->isVisible(), c.opens);
+    if (c.opens) {
+      EXPECT_EQ(item("status")->text(), "Not connected");  // refreshed on opening
+    }
+    tray->menu()->hide();
+  }
+  // A click while the menu is open leaves it open, not closed and reopened.
+  make();
+  int shown = 0;
+  QObject::connect(tray->menu(), &QMenu::aboutToShow, [&shown] { ++shown; });
+  emit tray->trayIcon()->activated(R::Trigger);
+  emit tray->trayIcon()->activated(R::Trigger);
+  EXPECT_TRUE(tray->menu()->isVisible());
+  EXPECT_EQ(shown, 1);
+  tray->menu()->hide();
 }
 
 }  // namespace

@@ -75,6 +75,12 @@ struct ReopenRegistration {
 
 }  // namespace
 
+// Messages and Contacts are there; NSStatusItem opens the menu Qt gives it
+// on any click.
+Capabilities capabilities() {
+  return {.sendsThroughMessages = true, .addressBook = true, .statusMenuOpensOnClick = true};
+}
+
 std::shared_ptr<MessageSender> makeSender(const std::string& chatDBPath,
                                           const std::filesystem::path&,
                                           std::shared_ptr<SyncLogger> log) {
