@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <QApplication>
+#include <QFile>
 #include <QFileOpenEvent>
 #include <QScreen>
 #include <QSystemTrayIcon>
@@ -170,6 +171,15 @@ void quitSoon() {
 int runApplication(int argc, char** argv) {
   const CommandLine args(argc, argv);
   blockStopSignals();
+  // Where the session names no runtime directory, Qt warns and makes one of
+  // its own; the private folder the instance lock falls back on serves both,
+  // and must be named before Qt looks.
+  QString instanceError;
+  const auto instanceDirectory =
+      SingleInstance::defaultDirectory(UserDirectories::processEnvironment, &instanceError);
+  if (instanceDirectory && qEnvironmentVariable("XDG_RUNTIME_DIR") != *instanceDirectory) {
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(*instanceDirectory));
+  }
   QApplication app(argc, argv);
   QApplication::setApplicationName("Corvane");
   QApplication::setApplicationVersion(QString::fromStdString(AppInfo::version()));
@@ -193,10 +203,8 @@ int runApplication(int argc, char** argv) {
 
   // A later start hands its links to the instance that runs and ends here.
   std::unique_ptr<SingleInstance> instance;
-  QString instanceError;
-  if (const auto directory =
-          SingleInstance::defaultDirectory(UserDirectories::processEnvironment, &instanceError)) {
-    instance = std::make_unique<SingleInstance>(*directory);
+  if (instanceDirectory) {
+    instance = std::make_unique<SingleInstance>(*instanceDirectory);
     switch (instance->start(linksIn(argc, argv))) {
       case SingleInstance::Role::handedOver:
         return 0;
