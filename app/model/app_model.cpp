@@ -102,7 +102,8 @@ std::string pairingFailureText(const std::exception& error) {
         return "That code didn't work. It may have expired \u2014 get a fresh one and try again.";
       }
       if (status == 429) return "Too many tries. Wait a few minutes, then try again.";
-      return "Something went wrong (" + api->description() + ").";
+      // The server's own words or the status, not the call that failed.
+      return "Something went wrong (" + api->detail() + ").";
     }
     case APIError::Kind::badResponse:
     case APIError::Kind::insecureServer:

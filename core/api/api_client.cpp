@@ -220,15 +220,18 @@ std::string APIClient::perform(const char* method, const std::string& path,
   // 6. Revoked or unknown token.
   if (status == 401) {
     const auto error = errorBodyOf(answer.body);
-    if (error && error->error) throw APIError::unauthorized("Unauthorized: " + *error->error);
+    if (error && error->error) {
+      throw APIError::unauthorized("Unauthorized: " + *error->error, *error->error);
+    }
     throw APIError::unauthorized("This Mac's device token was revoked or is invalid.");
   }
 
   // 7. Any other failure.
   const int code = static_cast<int>(status);
   if (code < 200 || code > 299) {
-    throw APIError::http(
-        code, call + " → " + std::to_string(code) + ": " + errorDetail(code, answer.body));
+    std::string detail = errorDetail(code, answer.body);
+    std::string message = call + " → " + std::to_string(code) + ": " + detail;
+    throw APIError::http(code, std::move(message), std::move(detail));
   }
   return std::move(answer.body);
 }

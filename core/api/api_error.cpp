@@ -2,16 +2,18 @@
 
 #include <utility>
 
+#include "core/api/http_status.h"
+
 namespace corvane {
 
-APIError::APIError(Kind kind, int status, std::string message)
-    : kind_(kind), status_(status), message_(std::move(message)) {}
+APIError::APIError(Kind kind, int status, std::string message, std::string detail)
+    : kind_(kind), status_(status), message_(std::move(message)), detail_(std::move(detail)) {}
 
-APIError APIError::unauthorized(std::string message) {
-  return APIError(Kind::unauthorized, 401, std::move(message));
+APIError APIError::unauthorized(std::string message, std::string detail) {
+  return APIError(Kind::unauthorized, 401, std::move(message), std::move(detail));
 }
-APIError APIError::http(int status, std::string message) {
-  return APIError(Kind::http, status, std::move(message));
+APIError APIError::http(int status, std::string message, std::string detail) {
+  return APIError(Kind::http, status, std::move(message), std::move(detail));
 }
 APIError APIError::network(std::string message) {
   return APIError(Kind::network, 0, std::move(message));
@@ -21,6 +23,12 @@ APIError APIError::badResponse(std::string message) {
 }
 APIError APIError::insecureServer(std::string message) {
   return APIError(Kind::insecureServer, 0, std::move(message));
+}
+
+std::string APIError::detail() const {
+  if (!detail_.empty()) return detail_;
+  if (const auto code = status()) return httpStatusText(*code);
+  return message_;
 }
 
 std::optional<int> APIError::status() const {

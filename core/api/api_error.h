@@ -19,8 +19,10 @@ class APIError : public std::exception {
     insecureServer,  // the server URL is not one the agent talks to
   };
 
-  static APIError unauthorized(std::string message);
-  static APIError http(int status, std::string message);
+  // `detail` is the server's own explanation (or the status's reason
+  // phrase) without the call it failed; empty means the reason phrase.
+  static APIError unauthorized(std::string message, std::string detail = {});
+  static APIError http(int status, std::string message, std::string detail = {});
   static APIError network(std::string message);
   static APIError badResponse(std::string message);
   static APIError insecureServer(std::string message);
@@ -29,6 +31,11 @@ class APIError : public std::exception {
   const std::string& description() const { return message_; }
   const char* what() const noexcept override { return message_.c_str(); }
 
+  // For unauthorized and http: what the server said went wrong, short
+  // enough to quote in a sentence ("That code has expired", "Bad Gateway").
+  // For the other kinds, the description.
+  std::string detail() const;
+
   // 401 for unauthorized, the answer's code for http, absent otherwise.
   std::optional<int> status() const;
 
@@ -36,11 +43,12 @@ class APIError : public std::exception {
   bool isTransient() const;
 
  private:
-  APIError(Kind kind, int status, std::string message);
+  APIError(Kind kind, int status, std::string message, std::string detail = {});
 
   Kind kind_;
   int status_;
   std::string message_;
+  std::string detail_;
 };
 
 }  // namespace corvane

@@ -197,6 +197,11 @@ TEST(APIClientTest, FailedAnswersBecomeErrorsWithTheBestDetail) {
     const APIError e = expectAPIError([&] { clientFor(server.url()).getConfig(); }, c.kind);
     EXPECT_EQ(e.description(), c.expected);
     EXPECT_EQ(e.status(), c.kind == Kind::badResponse ? std::nullopt : std::optional(c.status));
+    // The detail is the message without the call, for quoting in a sentence.
+    if (c.kind == Kind::http)
+      EXPECT_EQ(get + std::to_string(c.status) + ": " + e.detail(), c.expected);
+    if (c.expected.starts_with("Unauthorized: "))
+      EXPECT_EQ("Unauthorized: " + e.detail(), c.expected);
   }
 }
 

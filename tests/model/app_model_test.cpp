@@ -176,10 +176,22 @@ TEST(AppModelPairTest, FailuresSayWhatToDo) {
        "Can't reach Corvane. Check your internet connection and try again."},
       {APIError::http(400, "bad"),
        "That code didn't work. It may have expired \u2014 get a fresh one and try again."},
+      {APIError::http(404, "POST /api/agent/pair \u2192 404: no such code", "no such code"),
+       "That code didn't work. It may have expired \u2014 get a fresh one and try again."},
       {APIError::http(429, "slow down"), "Too many tries. Wait a few minutes, then try again."},
-      {APIError::http(503, "Server error 503"), "Something went wrong (Server error 503)."},
+      {APIError::http(503, "POST /api/agent/pair \u2192 503: Down for upgrade", "Down for upgrade"),
+       "Something went wrong (Down for upgrade)."},
+      {APIError::http(502, "POST /api/agent/pair \u2192 502"),
+       "Something went wrong (Bad Gateway)."},
+      {APIError::unauthorized("Unauthorized: pairing closed", "pairing closed"),
+       "Something went wrong (pairing closed)."},
+      {APIError::unauthorized("This Mac's device token was revoked or is invalid."),
+       "Something went wrong (Unauthorized)."},
       {APIError::badResponse("The server's answer was not understood."),
        "The server's answer was not understood."},
+      {APIError::insecureServer(
+           "Refusing to talk to http://x.test: Corvane needs an https:// server."),
+       "Refusing to talk to http://x.test: Corvane needs an https:// server."},
       {std::nullopt, "The server's answer held no device token."},
   };
   for (const auto& c : cases) {
