@@ -13,13 +13,14 @@ namespace {
 QString q(const std::string& text) { return QString::fromStdString(text); }
 
 // Where Qt draws the menu itself (not a native one), a quieter look close to
-// the menus of the desktop it runs on.
+// the menus of the desktop it runs on. The status line is a disabled item, so
+// disabled text keeps a contrast of 4.5:1 and stays readable.
 const char* const menuStyle = R"(
 QMenu { background: #fbfbfc; border: 1px solid #d3d4d9; border-radius: 8px; padding: 5px 0; }
 QMenu::item { padding: 5px 28px 5px 18px; color: #1d1d1f; font-size: 13px; }
 QMenu::item:selected { background: #2b6ce6; color: #ffffff; border-radius: 5px; margin: 0 5px;
                        padding: 5px 23px 5px 13px; }
-QMenu::item:disabled { color: #85868c; }
+QMenu::item:disabled { color: #6e6e73; }
 QMenu::separator { height: 1px; background: #e2e3e7; margin: 5px 10px; }
 )";
 
@@ -102,6 +103,9 @@ void TrayMenu::refresh() {
   connectedAs_->setText(named ? QStringLiteral("Connected as ") + q(*p.userName) : QString());
 
   pause_->setText(p.paused ? QStringLiteral("Resume syncing") : QStringLiteral("Pause syncing"));
+  // Without a device token there is no loop to pause or wake.
+  pause_->setEnabled(p.connected);
+  syncNow_->setEnabled(p.connected);
   setup_->setText(model_.setupCompleted() ? QStringLiteral("Setup\u2026")
                                           : QStringLiteral("Finish setup\u2026"));
   update_->setVisible(p.availableVersion.has_value());

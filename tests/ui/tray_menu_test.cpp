@@ -6,6 +6,7 @@
 #include <QMenu>
 #include <QSystemTrayIcon>
 #include <QTest>
+#include <cmath>
 
 #include "app/model/status_line.h"
 #include "tests/support/app_model_rig.h"
@@ -66,13 +67,19 @@ TEST_F(TrayMenuTest, ItemsInEachState) {
     bool setupCompleted;
     std::vector<std::string> items;
   } cases[] = {
-      {"not connected", {}, false,
-       {"(off) Not connected", "Pause syncing", "Sync now", "Finish setup\u2026",
+      {"not connected",
+       {},
+       false,
+       {"(off) Not connected", "(off) Pause syncing", "(off) Sync now", "Finish setup\u2026",
         "(off) Check for Updates\u2026", "Quit Corvane"}},
-      {"paused", paused, true,
+      {"paused",
+       paused,
+       true,
        {"(off) Paused", "(off) Connected as Alex Rivera", "Resume syncing", "Sync now",
         "Setup\u2026", "(off) Check for Updates\u2026", "Quit Corvane"}},
-      {"an error and an update offered", updateOffered, true,
+      {"an error and an update offered",
+       updateOffered,
+       true,
        {"(off) Sync problem \u2014 retrying", "(off) Connected as Alex Rivera", "Pause syncing",
         "Sync now", "Setup\u2026", "Update available: Corvane 1.4.0", "Check for Updates\u2026",
         "Quit Corvane"}},
@@ -85,6 +92,25 @@ TEST_F(TrayMenuTest, ItemsInEachState) {
     model.setPreview(c.state);
     EXPECT_EQ(visibleItems(), c.items);
   }
+  // The status line is read, not clicked, yet it must be as legible as text:
+  // its darkest pixel against the menu at 4.5:1 or more.
+  const QImage menu = tray->render();
+  const QRect line = tray->menu()->actionGeometry(item("status"));
+  const auto luminance = [](QRgb rgb) {
+    const auto channel = [](int v) {
+      const double c = v / 255.0;
+      return c <= 0.03928 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
+    };
+    return 0.2126 * channel(qRed(rgb)) + 0.7152 * channel(qGreen(rgb)) +
+           0.0722 * channel(qBlue(rgb));
+  };
+  double text = 1, background = luminance(menu.pixel(line.left() + 2, line.center().y()));
+  for (int y = line.top(); y <= line.bottom(); ++y) {
+    for (int x = line.left(); x <= line.right(); ++x)
+      text = std::min(text, luminance(menu.pixel(x, y)));
+  }
+  EXPECT_GE((background + 0.05) / (text + 0.05), 4.5);
+
   // Finishing setup publishes nothing: the menu reads its texts again as it opens.
   rig.defaults.setBool(DefaultsKey::setupCompleted, false);
   tray->menu()->popup(QPoint(0, 0));
