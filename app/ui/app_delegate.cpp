@@ -39,7 +39,7 @@ void AppDelegate::showSetupWindow() {
 
 void AppDelegate::setupWindowClosed() {
   hooks_.stopPermissionPoll();
-  if (!hooks_.otherWindowVisible || !hooks_.otherWindowVisible()) policy_.setAccessory();
+  if (!hooks_.otherWindowVisible()) policy_.setAccessory();
 }
 
 std::string AppDelegate::receivedLine(std::string_view url) {

@@ -39,9 +39,10 @@ class AppDelegate {
     std::function<void()> stopPermissionPoll;
     // Creates the setup window on first use, shows it, raises and activates it.
     std::function<void()> presentWindow;
-    // Some window other than the setup window is on screen; the application
-    // then keeps its Dock icon when the setup window closes. None: false.
-    std::function<bool()> otherWindowVisible{};
+    // Some window other than the setup window that can become main is on
+    // screen (otherMainWindowVisible); the application then keeps its Dock
+    // icon when the setup window closes. Required, like every hook.
+    std::function<bool()> otherWindowVisible;
   };
 
   AppDelegate(Hooks hooks, ActivationPolicy& policy, std::shared_ptr<SyncLogger> log);

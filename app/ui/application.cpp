@@ -121,6 +121,7 @@ class SetupWindowHost final : public QObject {
   }
 
   bool visible() const { return window_ && window_->isVisible(); }
+  bool otherWindowVisible() const { return otherMainWindowVisible(window_.get()); }
 
  protected:
   bool eventFilter(QObject* watched, QEvent* event) override {
@@ -297,6 +298,7 @@ int runApplication(int argc, char** argv) {
           .showCurrentStep = [&model] { model.showCurrentStep(); },
           .stopPermissionPoll = [&model] { model.stopPermissionPoll(); },
           .presentWindow = [&host] { host.present(); },
+          .otherWindowVisible = [&host] { return host.otherWindowVisible(); },
       },
       *policy, log);
   host.setOnClosed([&delegate, trayAvailable] {

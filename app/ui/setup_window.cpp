@@ -1,7 +1,6 @@
 #include "app/ui/setup_window.h"
 
-#include <algorithm>
-
+#include <QApplication>
 #include <QCheckBox>
 #include <QDesktopServices>
 #include <QFontMetrics>
@@ -15,6 +14,7 @@
 #include <QToolButton>
 #include <QUrl>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "app/model/setup_texts.h"
 #include "app/ui/symbols.h"
@@ -268,6 +268,15 @@ class StepDots : public QWidget {
   static constexpr int pitch = 18;
   int current_ = 0;
 };
+
+bool otherMainWindowVisible(const QWidget* setupWindow) {
+  const QWidgetList windows = QApplication::topLevelWidgets();
+  return std::any_of(windows.begin(), windows.end(), [setupWindow](const QWidget* w) {
+    const Qt::WindowType type = w->windowType();
+    return w != setupWindow && w->isVisible() && !w->isMinimized() &&
+           (type == Qt::Window || type == Qt::Dialog);
+  });
+}
 
 SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
                          std::function<void(const std::string&)> openURL, QWidget* parent)

@@ -28,6 +28,12 @@ namespace corvane {
 class StepDots;
 class SymbolView;
 
+// Whether a window other than `setupWindow` that could be the application's
+// main window is on screen: another top-level window or a dialog (an update
+// offer, an about box), not a menu, tool tip, tool palette or minimised window.
+// While one is, closing setup keeps the application in the Dock.
+bool otherMainWindowVisible(const QWidget* setupWindow);
+
 class SetupWindow : public QWidget {
   Q_OBJECT
  public:

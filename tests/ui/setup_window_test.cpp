@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
+#include <QDialog>
 #include <QLineEdit>
+#include <QMenu>
 #include <QTest>
 #include <utility>
 
@@ -271,6 +273,39 @@ TEST_F(SetupWindowTest, WithoutMessagesOrAnAddressBookTheStepsSaySoAndGoOn) {
   EXPECT_EQ(rig.probes.automationRequests + rig.probes.contactsRequests, 0);
   rig.model().showCurrentStep();  // reopening the window starts at done
   EXPECT_EQ(published().step, SetupStep::done);
+}
+
+// Closing setup keeps the Dock icon only under a window that could be main.
+TEST_F(SetupWindowTest, AnotherVisibleTopLevelWindowKeepsTheApplicationRegular) {
+  SetupWindow& setup = preview();
+  const struct {
+    const char* name;
+    Qt::WindowType type;
+    bool shown, minimised, counts;
+  } cases[] = {
+      {"an update dialog", Qt::Dialog, true, false, true},
+      {"a second window", Qt::Window, true, false, true},
+      {"a hidden dialog", Qt::Dialog, false, false, false},
+      {"a minimised window", Qt::Window, true, true, false},
+      {"a tool palette", Qt::Tool, true, false, false},
+      {"a tool tip", Qt::ToolTip, true, false, false},
+  };
+  EXPECT_FALSE(otherMainWindowVisible(&setup));  // the setup window alone
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    QWidget other(nullptr, c.type);
+    other.resize(200, 100);
+    if (c.shown) c.minimised ? other.showMinimized() : other.show();
+    EXPECT_EQ(otherMainWindowVisible(&setup), c.counts);
+  }
+  QMenu menu;  // the open tray menu is no window
+  menu.addAction(QStringLiteral("Quit Corvane"));
+  menu.popup(QPoint(0, 0));
+  EXPECT_FALSE(otherMainWindowVisible(&setup));
+  QDialog about;
+  about.show();
+  EXPECT_TRUE(otherMainWindowVisible(&setup));
+  menu.hide();
 }
 
 }  // namespace
