@@ -306,11 +306,14 @@ void AppModel::showCurrentStep() {
   }
 }
 
+bool AppModel::canGoBack() const {
+  if (p_.step == SetupStep::move) return false;
+  return p_.step != SetupStep::connect || moveApplies();
+}
+
 void AppModel::goBack() {
-  if (p_.step == SetupStep::move) return;
-  const auto previous = static_cast<SetupStep>(static_cast<int>(p_.step) - 1);
-  if (previous == SetupStep::move && !moveApplies()) return;
-  update([&](Published& p) { p.step = previous; });
+  if (!canGoBack()) return;
+  update([&](Published& p) { p.step = static_cast<SetupStep>(static_cast<int>(p.step) - 1); });
 }
 
 void AppModel::skip(SetupStep step) {

@@ -210,8 +210,10 @@ class AppModel {
   // otherwise (or from done) the wizard starts at currentStep().
   void showCurrentStep();
   // The wizard's back control: the previous step (never the Move step when
-  // there is nothing to move).
+  // there is nothing to move). canGoBack says whether there is one, which is
+  // when the control shows.
   void goBack();
+  bool canGoBack() const;
   // "Not now" / "Skip for now" on move, automation or contacts: remembers
   // the choice, then shows currentStep().
   void skip(SetupStep step);

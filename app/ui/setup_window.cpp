@@ -626,8 +626,8 @@ void SetupWindow::render() {
   const AppModel::Published& p = model_.published();
   pages_->setCurrentIndex(static_cast<int>(p.step));
   dots_->setCurrent(static_cast<int>(p.step));
-  // Connect is where the flow starts unless there is something to move.
-  back_->setVisible(p.step > SetupStep::connect);
+  // On Connect too when the Move screen applies.
+  back_->setVisible(model_.canGoBack());
   renderHeader(p);
   renderMove(p);
   renderConnect(p);

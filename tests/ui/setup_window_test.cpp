@@ -120,7 +120,7 @@ TEST_F(SetupWindowTest, AFailedMoveIsExplainedThenConnectWaitsForTheBrowserOrPai
   rig.relocator.moveFailure = "The volume is read-only";
   SetupWindow& w = open();
   EXPECT_EQ(text(w, "stepTitle"), "Move Corvane to Applications");
-  EXPECT_FALSE(shown(w, "moveError"));
+  expectShown(w, {"moveToApplications", "notNow"}, {"moveError", "back"});
   click(w, "moveToApplications");
   EXPECT_EQ(rig.relocator.moves, 1);
   EXPECT_EQ(text(w, "moveError"), SetupTexts::moveFailed("The volume is read-only"));
@@ -129,6 +129,9 @@ TEST_F(SetupWindowTest, AFailedMoveIsExplainedThenConnectWaitsForTheBrowserOrPai
   EXPECT_TRUE(rig.defaults.getBool(DefaultsKey::skippedMove));  // not offered again
 
   EXPECT_EQ(text(w, "stepTitle"), "Connect your account");
+  click(w, "back");  // Move still applies, so there is a way back to it
+  EXPECT_EQ(published().step, SetupStep::move);
+  click(w, "notNow");
   click(w, "connectWithBrowser");
   EXPECT_EQ(rig.opener.urls, std::vector<std::string>{AppModel::connectPageURL(rig.server)});
   EXPECT_TRUE(shown(w, "waitingForBrowser"));
