@@ -29,7 +29,7 @@ const QColor contactsColour(0x8a, 0x6f, 0xe0);
 const char* const windowStyle = R"(
 corvane--SetupWindow { background: #ffffff; }
 QLabel { color: #1d1d1f; font-size: 14px; }
-QLabel[role="caption"] { color: #2b6ce6; font-size: 12px; font-weight: 600; letter-spacing: 1px; }
+QLabel[role="caption"] { color: #2b6ce6; font-size: 13px; font-weight: 600; }
 QLabel[role="title"] { font-size: 22px; font-weight: 600; }
 QLabel[role="body"] { color: #5b5c63; font-size: 14px; }
 QLabel[role="note"] { color: #6e6f76; font-size: 13px; }
@@ -321,9 +321,6 @@ SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
   root->addSpacing(16);
 
   caption_ = makeLabel("stepCaption", "caption", this);
-  QFont captionFont = caption_->font();
-  captionFont.setCapitalization(QFont::AllUppercase);
-  caption_->setFont(captionFont);
   root->addWidget(caption_);
   root->addSpacing(4);
   title_ = makeLabel("stepTitle", "title", this);

@@ -7,6 +7,8 @@
 #include <QAbstractButton>
 #include <QLabel>
 #include <QTest>
+#include <QTextBlock>
+#include <QTextDocument>
 #include <QWidget>
 #include <vector>
 
@@ -31,9 +33,30 @@ inline void expectShown(QWidget& root, const std::vector<const char*>& visible,
   for (const char* name : hidden) EXPECT_FALSE(shown(root, name)) << name;
 }
 
+// What a label shows: rich text as plain text with its bold runs between
+// "**", the way the texts are written; capitals where its font makes them.
+inline std::string shownText(const QLabel& label) {
+  QString out = label.text();
+  if (label.textFormat() == Qt::RichText) {
+    QTextDocument document;
+    document.setHtml(label.text());
+    out.clear();
+    for (QTextBlock block = document.begin(); block.isValid(); block = block.next()) {
+      for (auto it = block.begin(); !it.atEnd(); ++it) {
+        const QTextFragment fragment = it.fragment();
+        const bool bold = fragment.charFormat().fontWeight() >= QFont::Bold;
+        out +=
+            bold ? QStringLiteral("**") + fragment.text() + QStringLiteral("**") : fragment.text();
+      }
+    }
+  }
+  if (label.font().capitalization() == QFont::AllUppercase) out = out.toUpper();
+  return out.toStdString();
+}
+
 inline std::string text(QWidget& root, const char* name) {
   QWidget* w = child(root, name);
-  if (auto* label = qobject_cast<QLabel*>(w)) return label->text().toStdString();
+  if (auto* label = qobject_cast<QLabel*>(w)) return shownText(*label);
   if (auto* button = qobject_cast<QAbstractButton*>(w)) return button->text().toStdString();
   ADD_FAILURE() << name << " shows no text";
   return {};
