@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "core/api/api_error.h"
 #include "tests/support/app_model_rig.h"
 
@@ -350,6 +352,42 @@ TEST(AppModelPermissionTest, AutomationRequestOutcomes) {
   }
 }
 
+TEST(AppModelPermissionTest, ContactsRequestOutcomes) {
+  const struct {
+    S before, answer;
+    SetupStep advancesTo;
+  } cases[] = {
+      {S::unknown, S::granted, SetupStep::done},
+      {S::unknown, S::denied, SetupStep::contacts},
+      {S::granted, S::granted, SetupStep::done},  // asked again: reported all the same
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message()
+                 << static_cast<int>(c.before) << " then " << static_cast<int>(c.answer));
+    AppModelRig rig;
+    rig.probes.automationAnswer = S::granted;
+    rig.probes.contacts = c.before;
+    rig.startPaired();
+    const int loads = rig.contactsLoads;
+    ASSERT_GE(loads, 1);
+    rig.model().wake();
+    rig.settle();
+    ASSERT_EQ(rig.contactsLoads, loads);  // the book is kept between cycles
+
+    const auto reportsBefore = rig.statuses().size();
+    rig.probes.contactsAfterRequest = c.answer;
+    rig.model().requestContacts();
+    rig.settle();
+    EXPECT_EQ(rig.published().contacts, c.answer);
+    EXPECT_EQ(rig.statuses().size(), reportsBefore + 1);  // forced, changed or not
+    EXPECT_EQ(rig.statuses().back().contactsAccess, c.answer);
+    rig.model().wake();
+    rig.settle();
+    EXPECT_EQ(rig.contactsLoads, loads + 1);  // names as the new answer allows
+    expectStepAfter(rig, AppModel::contactsAdvanceSec, c.advancesTo);
+  }
+}
+
 // Without Messages, sending needs no permission: Automation counts as
 // granted whatever was remembered, and nothing is asked. Without an address
 // book the Contacts step is still shown, once; going on from it is no skip
@@ -454,6 +492,28 @@ TEST_F(AppModelTest, OwnHandlesAreReadAtMostHourlyAndReportedWhenTheyChange) {
   const auto reports = rig.statuses().size();
   rig.settle();
   EXPECT_EQ(rig.statuses().size(), reports);  // unchanged handles: no report
+
+  // A second own handle appears; the tick's tenth fire reads the handles
+  // again once the last check is an hour old.
+  {
+    const std::string next = rig.dir.file("own-next.db");
+    chatdbgen::ChatDbBuilder db(next);
+    for (const char* handle : {"+14155550199", "+14155550188"}) {
+      db.message(db.oneToOne(handle), {.text = "note",
+                                       .fromMe = true,
+                                       .dateMs = rig.scheduler.nowMs() - 1000,
+                                       .destinationCallerId = handle});
+    }
+    std::filesystem::rename(next, rig.options.chatDBPath);
+  }
+  rig.scheduler.advance(3590.0);
+  rig.settle();
+  EXPECT_EQ(rig.statuses().back().ownHandles, std::vector<std::string>{"+14155550199"});
+  rig.scheduler.advance(10.0);
+  rig.settle();
+  auto handles = rig.statuses().back().ownHandles.value_or(std::vector<std::string>{});
+  std::sort(handles.begin(), handles.end());
+  EXPECT_EQ(handles, (std::vector<std::string>{"+14155550188", "+14155550199"}));
 }
 
 // Launch at login.

@@ -15,22 +15,24 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <thread>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/model/app_model.h"
 #include "app/model/thread_worker.h"
-#include "tools/chatdb-gen/chat_db_builder.h"
+#include "core/contacts/contact_book.h"
 #include "tests/support/fake_agent_api.h"
 #include "tests/support/recording.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/virtual_scheduler.h"
+#include "tools/chatdb-gen/chat_db_builder.h"
 
 namespace corvane::testing {
 
@@ -124,6 +126,9 @@ class AppModelRig {
   FakeOpener opener;
   std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
   std::shared_ptr<RecordingLogger> log = std::make_shared<RecordingLogger>();
+  // How often a cycle loaded the address book (an empty one); the loader may
+  // run on a worker thread.
+  std::atomic<int> contactsLoads{0};
   std::string chatDB = dir.file("chat.db");
   AppModel::Options options{.chatDBPath = chatDB, .stateDir = dir.file("state"),
                             .executablePath = dir.file("Corvane"), .region = "US",
@@ -152,11 +157,24 @@ class AppModelRig {
         return make(s, t);
       };
       model_ = std::make_unique<AppModel>(
-          AppModel::Services{.tokens = tokens, .defaults = defaults, .probes = probes,
-                             .scheduler = *mainScheduler, .worker = *worker, .clock = clock,
-                             .makeAPI = makeAPI ? makeAPI : fakes, .makeStore = {},
-                             .sender = sender, .loginItem = loginItem, .relocator = relocator,
-                             .opener = opener, .log = log},
+          AppModel::Services{.tokens = tokens,
+                             .defaults = defaults,
+                             .probes = probes,
+                             .scheduler = *mainScheduler,
+                             .worker = *worker,
+                             .clock = clock,
+                             .makeAPI = makeAPI ? makeAPI : fakes,
+                             .makeStore = {},
+                             .sender = sender,
+                             .loadContacts =
+                                 [this] {
+                                   ++contactsLoads;
+                                   return std::make_shared<const EmptyContactBook>();
+                                 },
+                             .loginItem = loginItem,
+                             .relocator = relocator,
+                             .opener = opener,
+                             .log = log},
           options);
     }
     return *model_;
