@@ -123,11 +123,11 @@ std::string errorDetail(int status, const std::string& body) {
 }  // namespace
 
 APIClient::APIClient(std::string server, std::optional<std::string> token, std::string userAgent,
-                     std::optional<std::chrono::milliseconds> timeoutOverride)
+                     Timeouts timeouts)
     : server_(std::move(server)),
       token_(std::move(token)),
       userAgent_(std::move(userAgent)),
-      timeoutOverride_(timeoutOverride) {}
+      timeouts_(std::move(timeouts)) {}
 
 std::string APIClient::ackPath(std::string_view id) {
   return "/api/agent/outbox/" + percentEscape(id, kPathSegmentKeep);
@@ -240,7 +240,7 @@ template <class Answer>
 Answer APIClient::call(const char* method, const std::string& path,
                        const std::optional<std::string>& body,
                        std::chrono::milliseconds timeout) const {
-  const std::string text = perform(method, path, body, timeoutOverride_.value_or(timeout));
+  const std::string text = perform(method, path, body, timeouts_ ? timeouts_(timeout) : timeout);
   // 8. The answer record.
   try {
     return decodeJSON<Answer>(text);

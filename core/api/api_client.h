@@ -7,6 +7,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -30,10 +31,12 @@ class APIClient final : public AgentAPI {
   // `server` must be its own ServerURL::validate form (a trailing "/" is
   // tolerated), else every call fails with insecureServer before any
   // traffic. `token` is absent only for pairing. `userAgent` is sent as is.
-  // `timeoutOverride`, when given, replaces every call's time-out (rounded up
-  // to whole seconds); it exists so that tests need not wait 30 seconds.
+  // `timeouts`, when given, is asked for each call with the call's own
+  // time-out and returns the one to use (rounded up to whole seconds): tests
+  // see which time-out every call gets and need not wait 30 seconds.
+  using Timeouts = std::function<std::chrono::milliseconds(std::chrono::milliseconds)>;
   APIClient(std::string server, std::optional<std::string> token, std::string userAgent,
-            std::optional<std::chrono::milliseconds> timeoutOverride = std::nullopt);
+            Timeouts timeouts = {});
 
   const std::string& server() const { return server_; }
   bool hasToken() const { return token_.has_value(); }
@@ -72,7 +75,7 @@ class APIClient final : public AgentAPI {
   std::string server_;
   std::optional<std::string> token_;
   std::string userAgent_;
-  std::optional<std::chrono::milliseconds> timeoutOverride_;
+  Timeouts timeouts_;
 };
 
 }  // namespace corvane

@@ -21,8 +21,14 @@ using testing::RecordedRequest;
 constexpr const char* kToken = "tok-SECRET-0123456789";
 constexpr const char* kUserAgent = "corvane-mac/9.8.7";
 
-APIClient clientFor(const std::string& server, std::optional<std::string> token = kToken) {
-  return APIClient(server, std::move(token), kUserAgent, std::chrono::milliseconds(5000));
+// A client whose calls wait at most 5 s; `asked`, when given, receives each
+// call's own time-out in seconds.
+APIClient clientFor(const std::string& server, std::optional<std::string> token = kToken,
+                    std::vector<long long>* asked = nullptr) {
+  return APIClient(server, std::move(token), kUserAgent, [asked](std::chrono::milliseconds own) {
+    if (asked) asked->push_back(std::chrono::duration_cast<std::chrono::seconds>(own).count());
+    return std::chrono::milliseconds(5000);
+  });
 }
 
 // Runs `call`, which must throw APIError of `kind`; the error must never
@@ -63,7 +69,8 @@ TEST(APIClientTest, EveryCallUsesItsMethodPathAndAnswerType) {
                          "application/json");
   });
   // A trailing slash on the server gives no double slash.
-  APIClient client = clientFor(server.url() + "/");
+  std::vector<long long> timeouts;
+  APIClient client = clientFor(server.url() + "/", kToken, &timeouts);
   AgentAPI& api = client;
 
   const SyncRequest upload{{}, {{"g", "h", "t", true, "s", "iMessage", {}, {}, {}}}, 77};
@@ -82,20 +89,23 @@ TEST(APIClientTest, EveryCallUsesItsMethodPathAndAnswerType) {
     const char* method;
     const char* target;
     std::string body;
+    long long timeoutSec;  // the upload may stall longer than the small calls
   };
   const Expected expected[] = {
-      {"GET", "/api/agent/config", ""},
-      {"POST", "/api/agent/sync", encodeJSON(upload)},
-      {"GET", "/api/agent/outbox", ""},
-      {"POST", "/api/agent/outbox/i1", R"({"status":"failed","error":"not delivered"})"},
-      {"POST", "/api/agent/self", encodeJSON(note)},
-      {"POST", "/api/agent/pair", encodeJSON(PairRequest{"ABCD", "n", "p", "v"})},
-      {"POST", "/api/agent/status", encodeJSON(report)},
+      {"GET", "/api/agent/config", "", 30},
+      {"POST", "/api/agent/sync", encodeJSON(upload), 120},
+      {"GET", "/api/agent/outbox", "", 30},
+      {"POST", "/api/agent/outbox/i1", R"({"status":"failed","error":"not delivered"})", 30},
+      {"POST", "/api/agent/self", encodeJSON(note), 30},
+      {"POST", "/api/agent/pair", encodeJSON(PairRequest{"ABCD", "n", "p", "v"}), 30},
+      {"POST", "/api/agent/status", encodeJSON(report), 30},
   };
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), std::size(expected));
+  ASSERT_EQ(timeouts.size(), std::size(expected));
   for (std::size_t i = 0; i < requests.size(); ++i) {
     const auto& r = requests[i];
+    EXPECT_EQ(timeouts[i], expected[i].timeoutSec) << i;
     EXPECT_EQ(r.method, expected[i].method) << i;
     EXPECT_EQ(r.target, expected[i].target) << i;
     EXPECT_EQ(r.body, expected[i].body) << i;
@@ -198,10 +208,12 @@ TEST(APIClientTest, FailedAnswersBecomeErrorsWithTheBestDetail) {
     EXPECT_EQ(e.description(), c.expected);
     EXPECT_EQ(e.status(), c.kind == Kind::badResponse ? std::nullopt : std::optional(c.status));
     // The detail is the message without the call, for quoting in a sentence.
-    if (c.kind == Kind::http)
+    if (c.kind == Kind::http) {
       EXPECT_EQ(get + std::to_string(c.status) + ": " + e.detail(), c.expected);
-    if (c.expected.starts_with("Unauthorized: "))
+    }
+    if (c.expected.starts_with("Unauthorized: ")) {
       EXPECT_EQ("Unauthorized: " + e.detail(), c.expected);
+    }
   }
 }
 
@@ -247,7 +259,8 @@ TEST(APIClientTest, TimeOutEndsOnlyACallThatStopsMoving) {
         });
   });
   self = &server;
-  APIClient client(server.url(), kToken, kUserAgent, std::chrono::seconds(1));
+  APIClient client(server.url(), kToken, kUserAgent,
+                   [](std::chrono::milliseconds) { return std::chrono::seconds(1); });
 
   EXPECT_NO_THROW(client.ackOutbox("slow", {SendStatus::sent, std::nullopt}));
   const APIError e = expectAPIError([&] { client.getConfig(); }, APIError::Kind::network);
