@@ -44,14 +44,14 @@ QPushButton[role="primary"] {
 }
 QPushButton[role="primary"]:hover { background: #245dc9; }
 QPushButton[role="primary"]:pressed { background: #1e4fad; }
-QPushButton[role="primary"]:disabled { background: #a9c3f3; }
+QPushButton[role="primary"]:disabled { background: #dfe7f7; color: #5b6f96; }
 QPushButton[role="secondary"] {
   background: #f3f3f6; color: #1d1d1f; border: 1px solid #d8d9de; border-radius: 9px;
   padding: 8px 20px;
 }
 QPushButton[role="secondary"]:hover { background: #eaeaee; }
 QPushButton[role="secondary"]:pressed { background: #dfdfe4; }
-QPushButton[role="secondary"]:disabled { color: #a0a1a7; }
+QPushButton[role="secondary"]:disabled { color: #808187; }
 QPushButton[role="link"] {
   background: transparent; border: none; color: #2b6ce6; padding: 4px 8px; font-size: 13px;
 }
@@ -142,6 +142,9 @@ QWidget* grantedRow(const char* name, const QString& text, QWidget* parent) {
   auto* label = makeLabel(name, "success", nullptr);
   label->setText(text);
   label->setWordWrap(false);
+  // Centring the boxes puts the text's x-height above the mark's middle;
+  // the margin lowers the text onto it.
+  label->setContentsMargins(0, 2, 0, 0);
   return centredRow(parent, {new SymbolView(Symbol::checkmarkCircle, green, 22), label}, 8);
 }
 
