@@ -178,7 +178,7 @@ int runHeadless(const CommandLine& args, HeadlessEnvironment& env) {
     const auto valid = ServerURL::validate(*given);
     if (!valid) {
       env.log->error("--server must be https:// (or http://localhost for development): " + *given);
-      return 64;
+      return kUsageExitCode;
     }
     setup.server = *valid;
   } else {
