@@ -6,7 +6,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build test demo screenshots package bench fuzz test-sanitize clean
+.PHONY: all deps configure build test demo screenshots package bench soak fuzz test-sanitize clean
 
 all: build
 
@@ -54,6 +54,15 @@ bench: deps
 	cmake -S . -B $(BENCH_BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(BENCH_BUILD_DIR) -j $(JOBS) --target corvane-bench
 	$(BENCH_BUILD_DIR)/corvane-bench --data $(BENCH_DATA) $(BENCH_ARGS)
+
+# The soak: the daemon loop for 1,000 cycles (SOAK_ARGS="--cycles N" for
+# more) with messages, sends, directory changes and server faults between
+# them; fails when the process grows. The benchmark's build and databases.
+SOAK_ARGS ?=
+soak: deps
+	cmake -S . -B $(BENCH_BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BENCH_BUILD_DIR) -j $(JOBS) --target corvane-soak
+	$(BENCH_BUILD_DIR)/corvane-soak --data $(BENCH_DATA) $(SOAK_ARGS)
 
 # libFuzzer targets (clang, ASan and UBSan) in their own build, each run for
 # FUZZ_SECONDS; FUZZ_TARGETS picks some, e.g. FUZZ_TARGETS="phone text".
