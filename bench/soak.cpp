@@ -6,10 +6,12 @@
 // Linux only: the figures come from /proc/self.
 #include <dirent.h>
 #include <signal.h>
+#include <sqlite3.h>
 #if defined(__GLIBC__)
 #include <malloc.h>
 #endif
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -45,6 +47,7 @@ constexpr const char* kUsage =
 constexpr int kReportEvery = 100;
 constexpr std::int64_t kGrowthGoalKB = 1024;
 constexpr std::size_t kRosterSize = 50;
+constexpr std::size_t kStrangers = 20;
 constexpr std::int64_t kPollSec = 60;
 const std::string kRegion = "US";
 
@@ -61,6 +64,7 @@ struct Sample {
   std::int64_t fds = 0;
   std::int64_t threads = 0;
   std::int64_t heapKB = 0;  // allocated and not freed: finer than the resident set
+  std::int64_t sqliteKB = 0;  // of which SQLite's (page caches, schemas, statements)
 };
 
 std::int64_t statusField(const std::string& name) {
@@ -89,6 +93,7 @@ Sample sample() {
 #else
   s.heapKB = -1;
 #endif
+  s.sqliteKB = sqlite3_memory_used() / 1024;
   return s;
 }
 
@@ -178,11 +183,21 @@ class Soak {
     for (std::size_t i = 0; i < roster_.roster.size(); ++i) {
       cards_.push_back(card(roster_.roster[i], "Friend", std::to_string(i)));
     }
+    // A few people off the roster write now and then. They write once before
+    // the run too, so that they are in the directory from the first cycle:
+    // the directory then grows only by the new correspondents below, as it
+    // would in a steady state where as many people fall out of its window as
+    // come into it.
     const std::set<std::string> onRoster(roster_.roster.begin(), roster_.roster.end());
+    std::vector<std::string> others;
     for (const auto& handle : messages_.handles()) {
-      if (!onRoster.contains(handle) && handle != roster_.ownHandles.at(0)) strangers_.push_back(handle);
+      if (!onRoster.contains(handle) && handle != roster_.ownHandles.at(0)) others.push_back(handle);
     }
-    if (strangers_.empty()) throw std::runtime_error("the database has no one off the roster");
+    std::shuffle(others.begin(), others.end(), random_);
+    others.resize(std::min<std::size_t>(others.size(), kStrangers));
+    if (others.empty()) throw std::runtime_error("the database has no one off the roster");
+    for (const auto& handle : others) messages_.write(handle, "earlier", false, nowMs_ - 3'600'000);
+    strangers_ = std::move(others);
   }
 
   int run(const std::string& chatDB, const std::string& home) {
@@ -223,8 +238,8 @@ class Soak {
       if (cycle_ >= options_.cycles) stop.requestStop();
     };
 
-    std::printf("%6s %8s %5s %8s %8s %6s %7s %9s %6s\n", "cycle", "rss kB", "fds", "threads",
-                "heap kB", "ok", "failed", "uploaded", "sent");
+    std::printf("%6s %8s %5s %8s %8s %10s %6s %7s %9s %6s\n", "cycle", "rss kB", "fds", "threads",
+                "heap kB", "sqlite kB", "ok", "failed", "uploaded", "sent");
     start_ = std::chrono::steady_clock::now();
     const int status = SyncEngine::runDaemon(std::move(deps), std::move(daemon), stop.token());
     if (status != 0) {
@@ -305,7 +320,6 @@ class Soak {
     if (next % 25 == 0) {
       const std::string handle = newNumber(next / 25);
       messages_.write(handle, "hello from a new number", false, nowMs_);
-      strangers_.push_back(handle);
       if (chance(2)) cards_.push_back(card(handle, "New", std::to_string(next)));
     }
     if (next % 10 == 5) {
@@ -340,10 +354,10 @@ class Soak {
   void report() {
     const Sample now = sample();
     const ServerCounts counts = server_.counts();
-    std::printf("%6d %8lld %5lld %8lld %8lld %6d %7d %9lld %6lld\n", cycle_,
+    std::printf("%6d %8lld %5lld %8lld %8lld %10lld %6d %7d %9lld %6lld\n", cycle_,
                 static_cast<long long>(now.rssKB), static_cast<long long>(now.fds),
                 static_cast<long long>(now.threads), static_cast<long long>(now.heapKB),
-                cycle_ - failed_, failed_,
+                static_cast<long long>(now.sqliteKB), cycle_ - failed_, failed_,
                 static_cast<long long>(counts.messages), static_cast<long long>(counts.sent));
     std::fflush(stdout);
     if (cycle_ == kReportEvery) baseline_ = now;
@@ -378,8 +392,10 @@ class Soak {
     goal("resident memory", last_.rssKB - baseline_.rssKB, kGrowthGoalKB, " kB");
     goal("descriptors", last_.fds - baseline_.fds, 0, "");
     goal("threads", last_.threads - baseline_.threads, 0, "");
-    std::printf("%-16s %+lld kB after cycle %d (no goal: where memory growth would show first)\n",
-                "heap in use", static_cast<long long>(last_.heapKB - baseline_.heapKB), kReportEvery);
+    std::printf("%-16s %+lld kB after cycle %d, of which SQLite %+lld kB (no goal: where growth "
+                "would show first)\n",
+                "heap in use", static_cast<long long>(last_.heapKB - baseline_.heapKB), kReportEvery,
+                static_cast<long long>(last_.sqliteKB - baseline_.sqliteKB));
 
     // A soak that didn't exercise the agent proves nothing.
     if (unexpected_ > 0) {
@@ -402,7 +418,7 @@ class Soak {
   MessagesApp messages_;
   std::vector<IndexedContactBook::Entry> cards_;
   std::vector<std::int64_t> written_;  // recent roster rows, candidates for deletion
-  std::vector<std::string> strangers_;  // correspondents off the roster
+  std::vector<std::string> strangers_;  // who writes from off the roster
   std::int64_t nowMs_ = kEndMs;        // the agent's clock, moved by the daemon's waits
   std::int64_t senderClockMs_ = 0;
   const FaultPlan* armed_ = nullptr;
