@@ -109,7 +109,8 @@ class SetupWindowHost final : public QObject {
     if (!window_) {
       window_ = std::make_unique<SetupWindow>(
           model_, [this] { window_->close(); },
-          [this](const std::string& url) { opener_.openURL(url); });
+          [this](const std::string& url) { opener_.openURL(url); },
+          SystemIntegration::frameSetupWindow);
       window_->installEventFilter(this);
       if (const QScreen* screen = window_->screen()) {
         window_->move(screen->availableGeometry().center() - window_->rect().center());

@@ -8,16 +8,18 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMouseEvent>
 #include <QPainter>
 #include <QPushButton>
-#include <QStackedWidget>
 #include <QToolButton>
 #include <QUrl>
 #include <QVBoxLayout>
+#include <QWindow>
 #include <algorithm>
 
 #include "app/model/setup_texts.h"
 #include "app/ui/symbols.h"
+#include "app/ui/wrapped_label.h"
 
 namespace corvane {
 namespace {
@@ -96,10 +98,9 @@ QString q(std::string_view text) {
 
 QLabel* makeLabel(const char* name, const char* role, QWidget* parent,
                   Qt::Alignment alignment = Qt::AlignHCenter) {
-  auto* label = new QLabel(parent);
+  auto* label = new WrappedLabel(parent);
   label->setObjectName(QString::fromLatin1(name));
   label->setProperty("role", QString::fromLatin1(role));
-  label->setWordWrap(true);
   label->setAlignment(alignment);
   label->setTextFormat(Qt::PlainText);
   return label;
@@ -161,12 +162,12 @@ void showControl(QWidget* control, bool visible) {
   row->setVisible(any);
 }
 
-QWidget* makePage(QStackedWidget* stack) {
-  auto* page = new QWidget(stack);
+QWidget* makePage(QWidget* pages) {
+  auto* page = new QWidget(pages);
   auto* layout = new QVBoxLayout(page);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(10);
-  stack->addWidget(page);
+  pages->layout()->addWidget(page);
   return page;
 }
 
@@ -282,7 +283,8 @@ bool otherMainWindowVisible(const QWidget* setupWindow) {
 }
 
 SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
-                         std::function<void(const std::string&)> openURL, QWidget* parent)
+                         std::function<void(const std::string&)> openURL, Frame frame,
+                         QWidget* parent)
     : QWidget(parent), model_(model), close_(std::move(close)), openURL_(std::move(openURL)) {
   if (!openURL_) {
     openURL_ = [](const std::string& url) {
@@ -294,9 +296,12 @@ SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
   setFixedSize(contentWidth, contentHeight);
   setAttribute(Qt::WA_StyledBackground);
   setStyleSheet(QString::fromUtf8(windowStyle));
+  if (frame) titleBarOverlap_ = std::max(0, frame(*this));
 
   auto* root = new QVBoxLayout(this);
-  root->setContentsMargins(40, 14, 40, 22);
+  // Below a title bar drawn over the content, whose buttons sit where the
+  // back control would.
+  root->setContentsMargins(40, std::max(14, titleBarOverlap_), 40, 22);
   root->setSpacing(0);
 
   back_ = new QToolButton(this);
@@ -316,7 +321,10 @@ SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
   backLayout->addStretch();
   back_->setParent(backRow);
   root->addWidget(backRow);
-  root->addSpacing(18);
+  // The screen's content and its dots stand together a little above the
+  // middle of the space, as a window is centred on the screen: a short
+  // screen leaves no empty band above the dots.
+  root->addStretch(2);
 
   symbol_ = new SymbolView(Symbol::arrowDownCircle, accent, 72, this);
   symbol_->setObjectName(QStringLiteral("stepSymbol"));
@@ -334,24 +342,44 @@ SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
   root->addWidget(body_);
   root->addSpacing(24);
 
-  pages_ = new QStackedWidget(this);
+  // A column where only the current page shows, so the content is as tall
+  // as that page and no taller.
+  pages_ = new QWidget(this);
   pages_->setObjectName(QStringLiteral("pages"));
+  auto* pagesLayout = new QVBoxLayout(pages_);
+  pagesLayout->setContentsMargins(0, 0, 0, 0);
   buildMovePage();
   buildConnectPage();
   buildFullDiskPage();
   buildAutomationPage();
   buildContactsPage();
   buildDonePage();
-  root->addWidget(pages_, 1);
+  root->addWidget(pages_);
+  root->addSpacing(30);
 
   dots_ = new StepDots(this);
   root->addWidget(dots_, 0, Qt::AlignHCenter);
+  root->addStretch(3);
 
   observer_ = model_.observe([this] { render(); });
   render();
 }
 
 SetupWindow::~SetupWindow() { model_.unobserve(observer_); }
+
+// With the title bar over the content, the background is what the window is
+// dragged by. AppKit moves a window by its background only from views that
+// are not opaque, and Qt's is, so the press starts the move itself. Controls
+// take their own presses; text passes them here.
+// https://developer.apple.com/documentation/appkit/nsview/mousedowncanmovewindow
+void SetupWindow::mousePressEvent(QMouseEvent* event) {
+  if (titleBarOverlap_ > 0 && event->button() == Qt::LeftButton && windowHandle() != nullptr &&
+      windowHandle()->startSystemMove()) {
+    event->accept();
+    return;
+  }
+  QWidget::mousePressEvent(event);
+}
 
 QWidget* SetupWindow::buildMovePage() {
   QWidget* page = makePage(pages_);
@@ -365,7 +393,6 @@ QWidget* SetupWindow::buildMovePage() {
   column(page)->addWidget(centredRow(page, {notNow}));
   column(page)->addSpacing(6);
   column(page)->addWidget(moveError_);
-  column(page)->addStretch(1);
   return page;
 }
 
@@ -453,7 +480,6 @@ QWidget* SetupWindow::buildConnectPage() {
           [this] { model_.advance(SetupStep::connect); });
   column(page)->addSpacing(8);
   column(page)->addWidget(centredRow(page, {connectContinue_}));
-  column(page)->addStretch(1);
   return page;
 }
 
@@ -496,7 +522,6 @@ QWidget* SetupWindow::buildFullDiskPage() {
           [this] { model_.advance(SetupStep::fullDisk); });
   column(page)->addSpacing(8);
   column(page)->addWidget(centredRow(page, {fullDiskContinue_}));
-  column(page)->addStretch(1);
   return page;
 }
 
@@ -538,13 +563,13 @@ QWidget* SetupWindow::buildAutomationPage() {
       makeButton("automationContinue", "primary", QStringLiteral("Continue"), page);
   connect(automationContinue_, &QPushButton::clicked, this,
           [this] { model_.advance(SetupStep::automation); });
+  column(page)->addSpacing(8);
   column(page)->addWidget(centredRow(page, {automationContinue_}));
 
   skipAutomation_ = makeButton("skipAutomation", "link", QStringLiteral("Skip for now"), page);
   connect(skipAutomation_, &QPushButton::clicked, this,
           [this] { model_.skip(SetupStep::automation); });
   column(page)->addWidget(centredRow(page, {skipAutomation_}));
-  column(page)->addStretch(1);
   return page;
 }
 
@@ -590,7 +615,6 @@ QWidget* SetupWindow::buildContactsPage() {
   skipContacts_ = makeButton("skipContacts", "link", QStringLiteral("Skip for now"), page);
   connect(skipContacts_, &QPushButton::clicked, this, [this] { model_.skip(SetupStep::contacts); });
   column(page)->addWidget(centredRow(page, {skipContacts_}));
-  column(page)->addStretch(1);
   return page;
 }
 
@@ -618,13 +642,18 @@ QWidget* SetupWindow::buildDonePage() {
     if (close_) close_();
   });
   column(page)->addWidget(centredRow(page, {open, done}));
-  column(page)->addStretch(1);
   return page;
 }
 
 void SetupWindow::render() {
   const AppModel::Published& p = model_.published();
-  pages_->setCurrentIndex(static_cast<int>(p.step));
+  const QObjectList& pages = pages_->children();
+  int index = 0;
+  for (QObject* child : pages) {
+    if (auto* page = qobject_cast<QWidget*>(child)) {
+      page->setVisible(index++ == static_cast<int>(p.step));
+    }
+  }
   dots_->setCurrent(static_cast<int>(p.step));
   // On Connect too when the Move screen applies.
   back_->setVisible(model_.canGoBack());

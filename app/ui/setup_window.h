@@ -1,6 +1,6 @@
 // SetupWindow: the setup flow, one screen per SetupStep (move, connect, Full
 // Disk Access, Automation, Contacts, done) under a symbol, a title and a
-// body, with the step dots at the bottom and a back control at the top.
+// body, with the step dots under them and a back control at the top.
 //
 // It shows what the model publishes and calls the model's operations; its
 // only state of its own is view state (whether the code box is open, the
@@ -20,7 +20,6 @@ class QCheckBox;
 class QLabel;
 class QLineEdit;
 class QPushButton;
-class QStackedWidget;
 class QToolButton;
 
 namespace corvane {
@@ -40,16 +39,24 @@ class SetupWindow : public QWidget {
   static constexpr int contentWidth = 600;
   static constexpr int contentHeight = 580;
 
+  // Gives the window the system's frame (SystemIntegration::frameSetupWindow)
+  // and answers the height of a title bar drawn over its content's top, 0
+  // when the frame sits outside the content.
+  using Frame = std::function<int(QWidget& window)>;
+
   // `close` runs after "Done" has finished the setup: the owner hides or
   // destroys the window. `openURL` opens a web page ("Open Corvane"); the
-  // desktop's browser when empty.
+  // desktop's browser when empty. `frame`, when given, runs once, here.
   SetupWindow(AppModel& model, std::function<void()> close,
-              std::function<void(const std::string& url)> openURL = {},
+              std::function<void(const std::string& url)> openURL = {}, Frame frame = {},
               QWidget* parent = nullptr);
   ~SetupWindow() override;
 
   // Shows the model's current state; runs after every model change.
   void render();
+
+ protected:
+  void mousePressEvent(QMouseEvent* event) override;
 
  private:
   QWidget* buildMovePage();
@@ -71,6 +78,7 @@ class SetupWindow : public QWidget {
   std::function<void()> close_;
   std::function<void(const std::string&)> openURL_;
   int observer_ = 0;
+  int titleBarOverlap_ = 0;
 
   // View state.
   bool codeOpen_ = false;
@@ -81,7 +89,7 @@ class SetupWindow : public QWidget {
   QLabel* caption_ = nullptr;
   QLabel* title_ = nullptr;
   QLabel* body_ = nullptr;
-  QStackedWidget* pages_ = nullptr;
+  QWidget* pages_ = nullptr;  // one page per step; only the current one shown
   StepDots* dots_ = nullptr;
 
   // Move.

@@ -1,7 +1,8 @@
 // SystemIntegration: what starting the application asks of the system that
 // differs between macOS and the others — where it logs, the sender of
-// approved texts, the registration and delivery of "corvane://" links, and
-// hearing that the user opened the running application again.
+// approved texts, the registration and delivery of "corvane://" links,
+// hearing that the user opened the running application again, and the
+// setup window's frame.
 //
 // Main thread only, with the QApplication in place.
 #pragma once
@@ -13,6 +14,8 @@
 
 #include "core/send/message_sender.h"
 #include "core/sync/sync_logger.h"
+
+class QWidget;
 
 namespace corvane::SystemIntegration {
 
@@ -57,5 +60,12 @@ std::shared_ptr<void> watchReopen(std::function<void()> reopen);
 // runs. Elsewhere links come from the command line and SingleInstance, and
 // nothing is installed. Keep the result for as long as `link` may be called.
 std::shared_ptr<void> watchLinks(std::function<void(const std::string& url)> link);
+
+// Frames the top-level `window` (a SetupWindow::Frame) before it is first
+// shown. On macOS: a transparent title bar without its title over content
+// that fills the window, which stays as large as it was, and a window moved
+// by its background; the answer is the height of the title bar over the
+// content. Elsewhere the system's normal frame stays, and the answer is 0.
+int frameSetupWindow(QWidget& window);
 
 }  // namespace corvane::SystemIntegration

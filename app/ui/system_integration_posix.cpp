@@ -53,4 +53,6 @@ std::shared_ptr<void> watchReopen(std::function<void()>) { return nullptr; }
 
 std::shared_ptr<void> watchLinks(std::function<void(const std::string&)>) { return nullptr; }
 
+int frameSetupWindow(QWidget&) { return 0; }
+
 }  // namespace corvane::SystemIntegration

@@ -4,12 +4,16 @@
 
 #include <QCheckBox>
 #include <QDialog>
+#include <QFontMetrics>
+#include <QLayout>
 #include <QLineEdit>
 #include <QMenu>
 #include <QTest>
+#include <algorithm>
 #include <utility>
 
 #include "app/model/setup_texts.h"
+#include "app/ui/wrapped_label.h"
 #include "tests/support/app_model_rig.h"
 #include "tests/ui/ui_helpers.h"
 
@@ -35,21 +39,21 @@ class SetupWindowTest : public ::testing::Test {
   // A window over a model started as the application starts it (again, over
   // the same files, when called twice), but paused: the worker runs only
   // what the test starts.
-  SetupWindow& open() {
+  SetupWindow& open(SetupWindow::Frame frame = {}) {
     window.reset();
     rig.destroy();
     rig.model().setPaused(true);
     if (!rig.options.previewMode) rig.start();
     window = std::make_unique<SetupWindow>(
         rig.model(), [this] { ++closed; },
-        [this](const std::string& url) { opened.push_back(url); });
+        [this](const std::string& url) { opened.push_back(url); }, std::move(frame));
     window->show();
     return *window;
   }
   // A window over a preview model, which shows what the test sets.
-  SetupWindow& preview() {
+  SetupWindow& preview(SetupWindow::Frame frame = {}) {
     rig.options.previewMode = true;
-    return open();
+    return open(std::move(frame));
   }
   const AppModel::Published& published() { return rig.published(); }
 };
@@ -184,6 +188,48 @@ TEST_F(SetupWindowTest, EachScreenShowsItsControlsAndTextsInItsStates) {
     expectShown(w, c.visible, c.hidden);
     for (const auto& [name, expected] : c.texts) EXPECT_EQ(text(w, name), expected) << name;
     EXPECT_EQ(enabled(w, "allowContacts"), !p.contactsBusy);  // not asked twice
+    // Every wrapped text whole, in lines of about even length: no word
+    // left alone at the end ("No / codes to copy.").
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+    for (const WrappedLabel* label : w.findChildren<WrappedLabel*>()) {
+      if (!label->isVisibleTo(&w) || !label->wordWrap()) continue;
+      SCOPED_TRACE(label->objectName().toStdString());
+      EXPECT_GE(label->height(), label->heightForWidth(label->width()));
+      const QStringList lines = label->lines();
+      const QFontMetrics metrics(label->font());
+      int longest = 0, shortest = label->width();
+      for (const QString& line : lines) {
+        longest = std::max(longest, metrics.horizontalAdvance(line));
+        shortest = std::min(shortest, metrics.horizontalAdvance(line));
+      }
+      if (lines.size() > 1) {
+        EXPECT_GE(shortest * 2, longest) << lines.join('|').toStdString();
+      }
+    }
+  }
+}
+
+// Under a title bar drawn over the content (macOS), nothing sits below its
+// buttons; with the system's own frame the content keeps the window's top.
+TEST_F(SetupWindowTest, TheContentStartsBelowATitleBarDrawnOverIt) {
+  for (const int overlap : {0, 28}) {
+    SCOPED_TRACE(overlap);
+    std::vector<QWidget*> framed;
+    SetupWindow& w = preview([&](QWidget& window) {
+      framed.push_back(&window);
+      return overlap;
+    });
+    EXPECT_EQ(framed, std::vector<QWidget*>{&w});  // once, the window itself
+    // The tallest screen: Full Disk Access, waiting to be switched on.
+    rig.model().setPreview({.openedFullDiskSettingsAt = 1, .step = SetupStep::fullDisk});
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+    ASSERT_TRUE(shown(w, "back"));
+    const int top = testing::child(w, "back")->mapTo(&w, QPoint(0, 0)).y();
+    EXPECT_GE(top, overlap);
+    EXPECT_LT(top, overlap + 20);
+    // All of it at its full height, in the window as large as ever.
+    EXPECT_LE(w.layout()->totalHeightForWidth(w.width()), w.height());
+    EXPECT_EQ(w.size(), QSize(600, 580));
   }
 }
 

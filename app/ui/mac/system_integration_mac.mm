@@ -1,6 +1,9 @@
 #import <AppKit/AppKit.h>
 #import <CoreServices/CoreServices.h>
 
+#include <QWidget>
+#include <cmath>
+
 #include "app/ui/system_integration.h"
 #include "core/send/apple_script_sender.h"
 
@@ -127,6 +130,29 @@ std::shared_ptr<void> watchLinks(std::function<void(const std::string&)> link) {
                                              object:nil];
   }
   return registration;
+}
+
+int frameSetupWindow(QWidget& widget) {
+  // A top-level widget's native handle is its window's content view.
+  NSView* view = (__bridge NSView*)reinterpret_cast<void*>(widget.winId());
+  NSWindow* window = view.window;
+  if (window == nil) return 0;
+  // The content view takes the whole window, title bar included.
+  // https://developer.apple.com/documentation/appkit/nswindow/stylemask-swift.struct/fullsizecontentview
+  window.styleMask |= NSWindowStyleMaskFullSizeContentView;
+  // https://developer.apple.com/documentation/appkit/nswindow/titlebarappearstransparent
+  window.titlebarAppearsTransparent = YES;
+  // https://developer.apple.com/documentation/appkit/nswindow/titlevisibility-swift.property
+  window.titleVisibility = NSWindowTitleHidden;
+  // https://developer.apple.com/documentation/appkit/nswindow/ismovablebywindowbackground
+  window.movableByWindowBackground = YES;
+  // The frame kept its size and the content grew into the title bar; back
+  // to the size Qt lays the widget out at.
+  // https://developer.apple.com/documentation/appkit/nswindow/setcontentsize(_:)
+  [window setContentSize:NSMakeSize(widget.width(), widget.height())];
+  // What the title bar covers: the window less the part content can use.
+  // https://developer.apple.com/documentation/appkit/nswindow/contentlayoutrect
+  return static_cast<int>(std::lround(NSHeight(window.frame) - NSHeight(window.contentLayoutRect)));
 }
 
 }  // namespace corvane::SystemIntegration
