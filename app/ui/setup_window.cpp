@@ -96,8 +96,8 @@ QString q(std::string_view text) {
   return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
 }
 
-QLabel* makeLabel(const char* name, const char* role, QWidget* parent,
-                  Qt::Alignment alignment = Qt::AlignHCenter) {
+WrappedLabel* makeLabel(const char* name, const char* role, QWidget* parent,
+                        Qt::Alignment alignment = Qt::AlignHCenter) {
   auto* label = new WrappedLabel(parent);
   label->setObjectName(QString::fromLatin1(name));
   label->setProperty("role", QString::fromLatin1(role));
@@ -337,8 +337,9 @@ SetupWindow::SetupWindow(AppModel& model, std::function<void()> close,
   title_ = makeLabel("stepTitle", "title", this);
   root->addWidget(title_);
   root->addSpacing(10);
-  body_ = makeLabel("stepBody", "body", this);
-  body_->setContentsMargins(6, 0, 6, 0);
+  auto* body = makeLabel("stepBody", "body", this);
+  body->setInsets({6, 0, 6, 0});
+  body_ = body;
   root->addWidget(body_);
   root->addSpacing(24);
 
@@ -446,8 +447,9 @@ QWidget* SetupWindow::buildConnectPage() {
   box->addWidget(codeLabel);
   box->addLayout(fieldRow);
   actions->addWidget(codeBox_);
-  pairingError_ = makeLabel("pairingError", "error", connectActions_);
-  pairingError_->setContentsMargins(50, 0, 50, 0);
+  auto* pairingError = makeLabel("pairingError", "error", connectActions_);
+  pairingError->setInsets({50, 0, 50, 0});
+  pairingError_ = pairingError;
   actions->addWidget(pairingError_);
   column(page)->addWidget(connectActions_);
 
@@ -551,8 +553,9 @@ QWidget* SetupWindow::buildAutomationPage() {
   deniedLayout->addWidget(centredRow(denied, {again, open}));
   column(page)->addWidget(denied);
 
-  automationMessage_ = makeLabel("automationMessage", "note", page);
-  automationMessage_->setContentsMargins(30, 0, 30, 0);
+  auto* automationMessage = makeLabel("automationMessage", "note", page);
+  automationMessage->setInsets({30, 0, 30, 0});
+  automationMessage_ = automationMessage;
   column(page)->addWidget(automationMessage_);
 
   automationGrantedRow_ =
@@ -628,8 +631,9 @@ QWidget* SetupWindow::buildDonePage() {
   column(page)->addWidget(centredRow(page, {launchAtLogin_}));
   loginItemError_ = makeLabel("loginItemError", "error", page);
   column(page)->addWidget(loginItemError_);
-  skippedPermissions_ = makeLabel("skippedPermissions", "note", page);
-  skippedPermissions_->setContentsMargins(40, 6, 40, 0);
+  auto* skippedPermissions = makeLabel("skippedPermissions", "note", page);
+  skippedPermissions->setInsets({40, 6, 40, 0});
+  skippedPermissions_ = skippedPermissions;
   column(page)->addWidget(skippedPermissions_);
   column(page)->addSpacing(14);
 

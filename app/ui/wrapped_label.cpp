@@ -59,8 +59,14 @@ int WrappedLabel::evenWidth(int available) const {
   return high;
 }
 
+void WrappedLabel::setInsets(QMargins insets) {
+  insets_ = insets;
+  updateGeometry();
+  update();
+}
+
 QRect WrappedLabel::textArea() const {
-  return contentsRect().adjusted(margin(), margin(), -margin(), -margin());
+  return contentsRect().marginsRemoved(insets_ + margin());
 }
 
 QStringList WrappedLabel::lines() const {
@@ -80,14 +86,12 @@ QStringList WrappedLabel::lines() const {
 
 int WrappedLabel::heightForWidth(int width) const {
   if (!wordWrap()) return QLabel::heightForWidth(width);
-  // The margins are what the frame, the style sheet's padding and
-  // setContentsMargins take; the same lines at their even width are no taller.
-  const QMargins margins = contentsMargins();
-  const int extra = 2 * margin();
+  // Around the text: the frame with the style sheet's padding, and the
+  // insets. The same lines at their even width are no taller.
+  const QMargins around = contentsMargins() + insets_ + margin();
   QTextDocument document;
-  layOut(document, width - margins.left() - margins.right() - extra);
-  return static_cast<int>(std::ceil(document.size().height())) + margins.top() +
-         margins.bottom() + extra;
+  layOut(document, width - around.left() - around.right());
+  return static_cast<int>(std::ceil(document.size().height())) + around.top() + around.bottom();
 }
 
 void WrappedLabel::paintEvent(QPaintEvent* event) {

@@ -20,6 +20,11 @@ class WrappedLabel : public QLabel {
  public:
   explicit WrappedLabel(QWidget* parent = nullptr);
 
+  // Room kept around the text inside the label. Unlike contents margins,
+  // which QFrame sets back to its frame's whenever the style changes (as a
+  // style sheet's polish does), these stay.
+  void setInsets(QMargins insets);
+
   // The lines as shown at the label's present width, without the spaces
   // they were broken at.
   QStringList lines() const;
@@ -35,6 +40,8 @@ class WrappedLabel : public QLabel {
   // The width the text is shown at within `available`.
   int evenWidth(int available) const;
   QRect textArea() const;
+
+  QMargins insets_;
 };
 
 }  // namespace corvane
