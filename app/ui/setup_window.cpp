@@ -28,12 +28,14 @@ const QColor accent(0x2b, 0x6c, 0xe6);
 const QColor green(0x2f, 0xb3, 0x4f);
 const QColor contactsColour(0x8a, 0x6f, 0xe0);
 
+// Type in the sizes of the system's text styles: title 22, body 13, headline
+// 13 bold, callout 12, title 3 15 for a granted state.
 const char* const windowStyle = R"(
 corvane--SetupWindow { background: #ffffff; }
-QLabel { color: #1d1d1f; font-size: 14px; }
+QLabel { color: #1d1d1f; font-size: 13px; }
 QLabel[role="caption"] { color: #2b6ce6; font-size: 13px; font-weight: 600; }
 QLabel[role="title"] { font-size: 22px; font-weight: 600; }
-QLabel[role="body"] { color: #5b5c63; font-size: 14px; }
+QLabel[role="body"] { color: #5b5c63; font-size: 13px; }
 QLabel[role="note"] { color: #6e6f76; font-size: 13px; }
 QLabel[role="fieldLabel"] { color: #5b5c63; font-size: 12px; font-weight: 600; }
 QLabel[role="error"] { color: #c9352b; font-size: 13px; }
@@ -70,7 +72,7 @@ QFrame[role="card"] QLabel { background: transparent; }
 QLabel[role="instruction"] {
   background: #f6f7f9; border: 1px solid #e4e5ea; border-radius: 10px; padding: 12px 16px;
 }
-QCheckBox { font-size: 14px; color: #1d1d1f; }
+QCheckBox { font-size: 13px; color: #1d1d1f; }
 )";
 
 // "**word**" shown in bold; the rest as plain text.
