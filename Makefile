@@ -6,7 +6,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build test demo screenshots package bench soak fuzz test-sanitize clean
+.PHONY: all deps configure build test demo screenshots package bench soak footprint fuzz test-sanitize clean
 
 all: build
 
@@ -63,6 +63,13 @@ soak: deps
 	cmake -S . -B $(BENCH_BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(BENCH_BUILD_DIR) -j $(JOBS) --target corvane-soak
 	$(BENCH_BUILD_DIR)/corvane-soak --data $(BENCH_DATA) $(SOAK_ARGS)
+
+# The application's memory, threads, CPU and wake-ups after the first sync of
+# a million messages, beside a bare Qt tray application (Linux; about five
+# minutes). FOOTPRINT_IDLE_SECONDS sets the idle period watched (180).
+footprint: deps configure
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target Corvane corvane-devserver chatdb-gen corvane-bare-tray
+	bench/footprint/run $(BUILD_DIR) $(BENCH_DATA)
 
 # libFuzzer targets (clang, ASan and UBSan) in their own build, each run for
 # FUZZ_SECONDS; FUZZ_TARGETS picks some, e.g. FUZZ_TARGETS="phone text".
