@@ -13,6 +13,7 @@
 #include "app/ui/qt_platform.h"
 #include "core/contacts/phone.h"
 #include "core/protocol/app_info.h"
+#include "core/sync/heap.h"
 
 namespace {
 
@@ -35,6 +36,7 @@ int runHeadless(const corvane::CommandLine& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  corvane::Heap::configureForResident();
   std::signal(SIGPIPE, SIG_IGN);
   const corvane::CommandLine args(argc, argv);
   const corvane::EntryChoice choice = corvane::chooseEntry(args);

@@ -14,6 +14,7 @@
 #include "core/protocol/server_url.h"
 #include "core/sync/contacts_cache.h"
 #include "core/sync/cycle_failure.h"
+#include "core/sync/heap.h"
 #include "core/sync/sync_engine.h"
 #include "core/text/unicode.h"
 
@@ -401,6 +402,7 @@ void AppModel::paired(const std::string& server, const PairResponse& response) {
   // if one runs, is stopped and can no longer save.
   stopCycle();
   directoryCache_.reset();
+  fingerprints_.reset();
   if (auto* old = dynamic_cast<AccountStateStore*>(store_.get())) old->retire();
   std::error_code ignored;
   std::filesystem::remove(options_.stateDir / FileStateStore::fileName, ignored);
@@ -672,10 +674,14 @@ void AppModel::runCycle() {
   if (contactsCache_) deps.contacts = [cache = contactsCache_] { return cache->get(); };
   if (!directoryCache_) directoryCache_ = std::make_shared<DirectoryCache>();
   deps.directoryCache = directoryCache_;
+  if (!fingerprints_) fingerprints_ = std::make_shared<FingerprintMemo>();
+  deps.fingerprints = fingerprints_;
   const std::uint64_t generation = generation_;
   offMain<Outcome<CycleResult>>(
       [deps = std::move(deps)] {
-        return attempt<CycleResult>([&] { return SyncEngine::runCycle(deps); });
+        auto outcome = attempt<CycleResult>([&] { return SyncEngine::runCycle(deps); });
+        Heap::releaseFree();  // what the cycle freed, before the app idles
+        return outcome;
       },
       [this, generation](Outcome<CycleResult> outcome) {
         cycleFinished(generation, std::move(outcome.value), outcome.error);

@@ -307,6 +307,7 @@ class AppModel {
   std::shared_ptr<StateStore> store_;  // this account's; replaced when pairing
   std::shared_ptr<ContactsCache> contactsCache_;
   std::shared_ptr<DirectoryCache> directoryCache_;  // per account: dropped when pairing
+  std::shared_ptr<FingerprintMemo> fingerprints_;  // the same
   MainScheduler::TimerId tickTimer_ = 0, napTimer_ = 0, permissionPoll_ = 0;
   std::vector<MainScheduler::TimerId> delays_;  // one-shot waits to cancel at shutdown
   std::optional<AgentStatusRequest> lastStatusSent_;

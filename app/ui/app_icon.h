@@ -10,6 +10,7 @@
 
 #include <QIcon>
 #include <QImage>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,6 +36,11 @@ QIcon trayIcon();
 
 // The application icon at the usual sizes, for windows.
 QIcon windowIcon();
+
+// An icon drawn by `draw` at whatever size it is shown, offering `sizes`;
+// nothing is drawn before it is shown, and nothing is kept after.
+using Drawing = QImage (*)(int size);
+QIcon drawnIcon(Drawing draw, std::initializer_list<int> sizes);
 
 // "--size": a positive base-10 integer up to maxRenderSize, digits only
 // (no sign, blanks or prefix); the error's text otherwise.

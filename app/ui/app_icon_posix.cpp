@@ -6,10 +6,6 @@
 
 namespace corvane::AppIcon {
 
-QIcon trayIcon() {
-  QIcon icon;
-  for (const int size : {16, 22, 24, 32, 48, 64}) icon.addPixmap(QPixmap::fromImage(draw(size)));
-  return icon;
-}
+QIcon trayIcon() { return drawnIcon(draw, {16, 22, 24, 32, 48, 64}); }
 
 }  // namespace corvane::AppIcon

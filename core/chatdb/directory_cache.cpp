@@ -120,6 +120,15 @@ struct DirectoryCache::State {
   std::int64_t messageRows = 0, joinRows = 0;
   std::unordered_map<std::int64_t, Chat> chats;  // the one-to-one chats asked for
 
+  // The last oneToOneChats answer and the versions read just before it: a
+  // commit after those reads shows as another version next time.
+  struct ChatsRead {
+    std::int64_t dataVersion = 0, schemaVersion = 0;
+    std::optional<std::string> region;
+    std::vector<ChatDB::OneToOneChat> chats;
+  };
+  std::optional<ChatsRead> chatsRead;
+
   SQLiteDB& sql() { return db->connection(); }
 
   std::int64_t rowsOf(const std::string& table) {
@@ -362,6 +371,29 @@ std::optional<DirectoryCache::Refresh> DirectoryCache::lastRefresh() const {
   return lastRefresh_;
 }
 
+std::vector<ChatDB::OneToOneChat> DirectoryCache::oneToOneChats(const std::string& path,
+                                                                ChatDB& reader) {
+  std::lock_guard lock(mutex_);
+  try {
+    State& state = stateFor(path);
+    const std::int64_t dataVersion = firstInteger(state.sql().query("PRAGMA data_version"));
+    const std::int64_t schemaVersion = firstInteger(state.sql().query("PRAGMA schema_version"));
+    const auto& last = state.chatsRead;
+    if (last && last->dataVersion == dataVersion && last->schemaVersion == schemaVersion &&
+        last->region == reader.region()) {
+      return last->chats;
+    }
+    state.chatsRead.reset();
+    auto chats = reader.oneToOneChats();
+    state.chatsRead = State::ChatsRead{dataVersion, schemaVersion, reader.region(), chats};
+    return chats;
+  } catch (...) {
+    state_.reset();
+    lastRefresh_.reset();
+    throw;
+  }
+}
+
 std::vector<DirectoryEntry> DirectoryCache::buildDirectory(
     const std::string& path, std::int64_t sinceMs, const ContactBook& contacts,
     const std::set<std::string>& exclude, const std::vector<ChatDB::OneToOneChat>& chats) {
@@ -389,10 +421,7 @@ std::unique_ptr<DirectoryCache::State> DirectoryCache::fresh(const std::string& 
   return state;
 }
 
-std::vector<DirectoryEntry> DirectoryCache::build(const std::string& path, std::int64_t sinceMs,
-                                                  const ContactBook& contacts,
-                                                  const std::set<std::string>& exclude,
-                                                  const std::vector<ChatDB::OneToOneChat>& chats) {
+DirectoryCache::State& DirectoryCache::stateFor(const std::string& path) {
   if (state_) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0) throw ChatDB::statError(path, errno);
@@ -401,6 +430,14 @@ std::vector<DirectoryEntry> DirectoryCache::build(const std::string& path, std::
     }
   }
   if (!state_) state_ = fresh(path);
+  return *state_;
+}
+
+std::vector<DirectoryEntry> DirectoryCache::build(const std::string& path, std::int64_t sinceMs,
+                                                  const ContactBook& contacts,
+                                                  const std::set<std::string>& exclude,
+                                                  const std::vector<ChatDB::OneToOneChat>& chats) {
+  stateFor(path);
   Refresh refresh = Refresh::full;
   auto entries = state_->directory(sinceMs, contacts, exclude, chats, refresh);
   if (!entries) {
@@ -409,6 +446,9 @@ std::vector<DirectoryEntry> DirectoryCache::build(const std::string& path, std::
     entries = state_->directory(sinceMs, contacts, exclude, chats, refresh);
   }
   lastRefresh_ = refresh;
+  // The pages stay in the system's file cache; the connection sits idle
+  // until the next cycle, which reads the few it needs again.
+  state_->sql().releaseMemory();
   return std::move(*entries);
 }
 

@@ -55,6 +55,12 @@ class DirectoryCache {
                                              const std::set<std::string>& exclude,
                                              const std::vector<ChatDB::OneToOneChat>& chats);
 
+  // reader.oneToOneChats() for the database at `path`, read through `reader`
+  // only when the database changed since the last call (or the region did):
+  // the statement and the normalising of every handle cost more than the
+  // rest of a cycle in which nothing happened.
+  std::vector<ChatDB::OneToOneChat> oneToOneChats(const std::string& path, ChatDB& reader);
+
   // Forgets everything and closes the connection; the next build starts over.
   void clear();
 
@@ -64,6 +70,8 @@ class DirectoryCache {
  private:
   struct State;
   std::unique_ptr<State> fresh(const std::string& path);
+  // state_, for the file now at `path`.
+  State& stateFor(const std::string& path);
   std::vector<DirectoryEntry> build(const std::string& path, std::int64_t sinceMs,
                                     const ContactBook& contacts,
                                     const std::set<std::string>& exclude,

@@ -49,42 +49,72 @@ void bind(sqlite3* db, sqlite3_stmt* stmt, int pos, const SQLValue& v) {
 }
 
 // Reads column `i` into `out`, reusing its storage where the kind matches.
-void readColumn(sqlite3_stmt* stmt, int i, SQLValue& out) {
-  switch (sqlite3_column_type(stmt, i)) {
-    case SQLITE_INTEGER:
-      out = SQLValue(static_cast<std::int64_t>(sqlite3_column_int64(stmt, i)));
+void readColumn(const SQLiteRowView& row, std::size_t i, SQLValue& out) {
+  const SQLCell cell = row.at(i);
+  switch (cell.kind) {
+    case SQLValue::Kind::integer:
+      out = SQLValue(cell.integer);
       return;
-    case SQLITE_FLOAT:
-      out = SQLValue(sqlite3_column_double(stmt, i));
+    case SQLValue::Kind::real:
+      out = SQLValue(cell.real);
       return;
-    case SQLITE_TEXT: {
-      const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
-      if (p == nullptr) {
-        out = SQLValue();
-        return;
-      }
-      const std::string_view text(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt, i)));
-      // Another program writes this database: repair broken UTF-8 here so that
-      // every string above this layer is well-formed.
-      if (isValidUTF8(text)) {
-        out.assignText(text);
-      } else {
-        out = SQLValue(repairUTF8(text));
-      }
+    case SQLValue::Kind::text:
+      out.assignText(cell.text);
       return;
-    }
-    case SQLITE_BLOB: {
-      const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, i));
-      const int n = sqlite3_column_bytes(stmt, i);
-      out.assignBlob(p, p && n > 0 ? static_cast<std::size_t>(n) : 0);
+    case SQLValue::Kind::blob:
+      out.assignBlob(cell.blob.data(), cell.blob.size());
       return;
-    }
-    default:
+    case SQLValue::Kind::null:
       out = SQLValue();
   }
 }
 
 }  // namespace
+
+SQLCell SQLiteRowView::at(std::size_t i) const {
+  const int c = static_cast<int>(i);
+  SQLCell cell;
+  switch (sqlite3_column_type(stmt_, c)) {
+    case SQLITE_INTEGER:
+      cell.kind = SQLValue::Kind::integer;
+      cell.integer = sqlite3_column_int64(stmt_, c);
+      break;
+    case SQLITE_FLOAT:
+      cell.kind = SQLValue::Kind::real;
+      cell.real = sqlite3_column_double(stmt_, c);
+      break;
+    case SQLITE_TEXT: {
+      const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
+      if (p == nullptr) break;
+      cell.kind = SQLValue::Kind::text;
+      cell.text = std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c)));
+      // Another program writes this database: repair broken UTF-8 here so that
+      // every string above this layer is well-formed.
+      if (!isValidUTF8(cell.text)) {
+        repaired_[i] = repairUTF8(cell.text);
+        cell.text = repaired_[i];
+      }
+      break;
+    }
+    case SQLITE_BLOB: {
+      const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt_, c));
+      const int n = sqlite3_column_bytes(stmt_, c);
+      cell.kind = SQLValue::Kind::blob;
+      cell.blob = {p, p && n > 0 ? static_cast<std::size_t>(n) : 0};
+      break;
+    }
+    default:
+      break;
+  }
+  return cell;
+}
+
+std::optional<std::size_t> SQLiteRowView::indexOf(std::string_view name) const {
+  for (std::size_t i = names_->size(); i-- > 0;) {
+    if ((*names_)[i] == name) return i;
+  }
+  return std::nullopt;
+}
 
 SQLiteError::SQLiteError(int code, std::string message)
     : code_(code),
@@ -131,6 +161,10 @@ void SQLiteDB::close() {
   }
 }
 
+void SQLiteDB::releaseMemory() {
+  if (db_ != nullptr) sqlite3_db_release_memory(db_);
+}
+
 void SQLiteDB::exec(const std::string& sql) {
   // As sqlite3_exec answers a closed (null) connection: MISUSE with no text.
   if (db_ == nullptr) throw SQLiteError(SQLITE_MISUSE, "exec failed");
@@ -143,8 +177,8 @@ void SQLiteDB::exec(const std::string& sql) {
   }
 }
 
-void SQLiteDB::forEach(const std::string& sql, const std::vector<SQLValue>& params,
-                       const std::function<void(const SQLRow&)>& onRow) {
+void SQLiteDB::forEachInPlace(const std::string& sql, const std::vector<SQLValue>& params,
+                              const std::function<void(const SQLiteRowView&)>& onRow) {
   if (db_ == nullptr) throw SQLiteError(SQLITE_MISUSE, "closed");
   if (observer_) observer_(sql);
   sqlite3_stmt* raw = nullptr;
@@ -158,22 +192,36 @@ void SQLiteDB::forEach(const std::string& sql, const std::vector<SQLValue>& para
   }
 
   const int count = sqlite3_column_count(stmt.get());
-  auto names = std::make_shared<std::vector<std::string>>();
-  names->reserve(static_cast<std::size_t>(count));
+  std::vector<std::string> names;
+  names.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) {
     const char* name = sqlite3_column_name(stmt.get(), i);
-    names->emplace_back(name ? name : "");
+    names.emplace_back(name ? name : "");
   }
-  SQLRow row(std::move(names), std::vector<SQLValue>(static_cast<std::size_t>(count)));
+  const SQLiteRowView row(stmt.get(), names);
 
   for (;;) {
     const int step = sqlite3_step(stmt.get());
     if (step == SQLITE_DONE) return;
     if (step != SQLITE_ROW) fail(db_, step);
-    auto& values = row.mutableValues();
-    for (int i = 0; i < count; ++i) readColumn(stmt.get(), i, values[static_cast<std::size_t>(i)]);
     onRow(row);
   }
+}
+
+void SQLiteDB::forEach(const std::string& sql, const std::vector<SQLValue>& params,
+                       const std::function<void(const SQLRow&)>& onRow) {
+  SQLRow row;
+  bool named = false;
+  forEachInPlace(sql, params, [&](const SQLiteRowView& view) {
+    if (!named) {
+      row = SQLRow(std::make_shared<const std::vector<std::string>>(view.names()),
+                   std::vector<SQLValue>(view.size()));
+      named = true;
+    }
+    auto& values = row.mutableValues();
+    for (std::size_t i = 0; i < values.size(); ++i) readColumn(view, i, values[i]);
+    onRow(row);
+  });
 }
 
 std::vector<SQLRow> SQLiteDB::query(const std::string& sql, const std::vector<SQLValue>& params) {

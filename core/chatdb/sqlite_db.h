@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -16,6 +17,7 @@
 #include "core/chatdb/sql_value.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace corvane {
 
@@ -43,6 +45,26 @@ class SQLiteError : public std::exception {
   std::string description_;
 };
 
+// The row a statement stands on, read in place: what forEach would copy into
+// an SQLRow, viewed in SQLite's own buffers until the next step.
+class SQLiteRowView {
+ public:
+  SQLiteRowView(sqlite3_stmt* stmt, const std::vector<std::string>& names)
+      : stmt_(stmt), names_(&names), repaired_(names.size()) {}
+
+  // Column `i` (< size()); invalid UTF-8 text reads repaired, as in SQLRow.
+  SQLCell at(std::size_t i) const;
+  std::size_t size() const { return names_->size(); }
+  const std::vector<std::string>& names() const { return *names_; }
+  // Index of the named column (the last one when a name repeats).
+  std::optional<std::size_t> indexOf(std::string_view name) const;
+
+ private:
+  sqlite3_stmt* stmt_;
+  const std::vector<std::string>* names_;
+  mutable std::vector<std::string> repaired_;  // per column, for the rare broken text
+};
+
 class SQLiteDB {
  public:
   // Opens `path`: read-only, or read-write (created when `create`). Busy
@@ -66,6 +88,10 @@ class SQLiteDB {
   // collecting them. The row object is reused between calls.
   void forEach(const std::string& sql, const std::vector<SQLValue>& params,
                const std::function<void(const SQLRow&)>& onRow);
+  // Like forEach, without copying: `onRow` reads the columns it needs where
+  // SQLite holds them. For readers of many rows.
+  void forEachInPlace(const std::string& sql, const std::vector<SQLValue>& params,
+                      const std::function<void(const SQLiteRowView&)>& onRow);
 
   // Runs `sql` and returns the connection's last inserted rowid.
   std::int64_t run(const std::string& sql, const std::vector<SQLValue>& params = {});
@@ -73,6 +99,10 @@ class SQLiteDB {
   // The column names of `table` (a fixed name, spliced verbatim); empty when
   // the table is missing or unreadable. Never throws.
   std::set<std::string> columns(const std::string& table);
+
+  // Frees the page cache and whatever else the connection can do without
+  // until its next statement; for a connection kept open between uses.
+  void releaseMemory();
 
   // Closes the connection; later closes do nothing, queries fail with "closed"
   // and exec with "exec failed".

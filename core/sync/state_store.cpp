@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -114,18 +115,43 @@ bool readWholeFile(const fs::path& path, std::string& out) {
   return ok;
 }
 
+// What tells one state file from another without reading it. Every save
+// renames a new file into place, so another writer's file shows as another
+// inode or time even where the size happens to match.
+std::optional<FileStateStore::FileStamp> stampOf(const fs::path& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+#if defined(__APPLE__)
+  const struct timespec& changed = st.st_mtimespec;
+#else
+  const struct timespec& changed = st.st_mtim;
+#endif
+  return FileStateStore::FileStamp{static_cast<std::uint64_t>(st.st_dev),
+                                   static_cast<std::uint64_t>(st.st_ino),
+                                   static_cast<std::int64_t>(st.st_size),
+                                   static_cast<std::int64_t>(changed.tv_sec),
+                                   static_cast<std::int64_t>(changed.tv_nsec)};
+}
+
 }  // namespace
 
 FileStateStore::FileStateStore(fs::path directory)
     : directory_(std::move(directory)), path_(directory_ / fileName) {}
 
 AgentState FileStateStore::load() {
+  std::lock_guard lock(mutex_);
   try {
+    const auto stamp = stampOf(path_);
+    if (stamp && known_ && known_->stamp == *stamp) return known_->state;
+    known_.reset();
     std::string text;
     if (!readWholeFile(path_, text)) return {};
     const auto j = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (j.is_discarded()) return {};
-    return j.get<AgentState>();
+    auto state = j.get<AgentState>();
+    // Stamped before the read: a file replaced meanwhile reads again next time.
+    if (stamp) known_ = Known{*stamp, state};
+    return state;
   } catch (const std::exception&) {
     return {};
   }
@@ -134,6 +160,8 @@ AgentState FileStateStore::load() {
 void FileStateStore::prepareDirectory() const { makePrivateDirectory(directory_); }
 
 void FileStateStore::save(const AgentState& state) {
+  std::lock_guard lock(mutex_);
+  known_.reset();
   prepareDirectory();
 
   // nlohmann::json keeps object keys sorted, so equal states give equal
@@ -158,6 +186,7 @@ void FileStateStore::save(const AgentState& state) {
     throwErrno(error, "couldn't save the agent state to " + path_.string());
   }
   flushDirectory(directory_);
+  if (const auto stamp = stampOf(path_)) known_ = Known{*stamp, state};
 }
 
 MemoryStateStore::MemoryStateStore(AgentState initial) : state_(std::move(initial)) {}

@@ -4,9 +4,11 @@
 // state), save throws when the state could not be kept.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <mutex>
+#include <optional>
 
 #include "core/sync/agent_state.h"
 
@@ -60,7 +62,8 @@ class FileStateStore final : public StateStore {
   void prepareDirectory() const;
 
   // A missing, unreadable or corrupt file gives the default state; a corrupt
-  // file stays in place until the next save replaces it.
+  // file stays in place until the next save replaces it. A file this store
+  // read or wrote last, still in place, is not parsed again.
   AgentState load() override;
 
   // prepareDirectory(), then writes "state.json.<pid>.tmp" (0600) and flushes
@@ -68,9 +71,22 @@ class FileStateStore final : public StateStore {
   // temporary file is left behind.
   void save(const AgentState& state) override;
 
+  // Device, inode, size and modification time of a state file.
+  struct FileStamp {
+    std::uint64_t device = 0, inode = 0;
+    std::int64_t size = 0, seconds = 0, nanoseconds = 0;
+    bool operator==(const FileStamp&) const = default;
+  };
+
  private:
+  struct Known {
+    FileStamp stamp;
+    AgentState state;
+  };
   std::filesystem::path directory_;
   std::filesystem::path path_;
+  std::mutex mutex_;
+  std::optional<Known> known_;  // the state of the file last read or written
 };
 
 // Keeps the state in memory, for tests and previews. Every access takes the

@@ -9,6 +9,7 @@
 #include "core/protocol/iso_time.h"
 #include "core/sync/contacts_cache.h"
 #include "core/sync/cycle_failure.h"
+#include "core/sync/heap.h"
 #include "core/sync/sync_engine.h"
 #include "core/text/unicode.h"
 
@@ -114,6 +115,7 @@ std::int32_t runDaemon(CycleDeps deps, DaemonOptions options, StopToken stop) {
   deps.contacts = [cache] { return cache->get(); };
   // Between cycles the directory is read again only where the database changed.
   if (!options.once && !deps.directoryCache) deps.directoryCache = std::make_shared<DirectoryCache>();
+  if (!options.once && !deps.fingerprints) deps.fingerprints = std::make_shared<FingerprintMemo>();
   const auto sleep = options.sleep ? options.sleep
                                    : [stop](std::int64_t s) { interruptibleSleep(s, stop); };
   const auto random = options.random ? options.random : freshRandom();
@@ -124,6 +126,7 @@ std::int32_t runDaemon(CycleDeps deps, DaemonOptions options, StopToken stop) {
     int waitSec = 0;
     try {
       const CycleResult result = runCycle(deps);
+      Heap::releaseFree();
       if (options.once) {
         deps.log->info(summary(result));
         return 0;
@@ -134,6 +137,7 @@ std::int32_t runDaemon(CycleDeps deps, DaemonOptions options, StopToken stop) {
       waitSec = base;
     } catch (const std::exception& error) {
       ++failures;
+      Heap::releaseFree();
       recordError(*deps.store, error.what(), deps.dryRun, deps.now());
       const FailurePlan plan = planFor(error, failures, base, databaseBase, random);
       plan.report(*deps.log);

@@ -50,6 +50,7 @@ class Cycle {
 
   CycleResult run() {
     state_ = deps_.store->load();
+    saved_ = state_;
     config_ = deps_.api->getConfig();
     if (deps_.stop.stopRequested()) throw CycleStopped();
     result_.pollIntervalSec = config_.pollIntervalSec;
@@ -57,7 +58,8 @@ class Cycle {
 
     ChatDB db(deps_.chatDBPath, deps_.region);
     upTo_ = db.maxRowId();
-    chats_ = db.oneToOneChats();
+    chats_ = deps_.directoryCache ? deps_.directoryCache->oneToOneChats(deps_.chatDBPath, db)
+                                  : db.oneToOneChats();
     rosterChats_ = db.chatsForHandles(config_.rosterHandles, chats_);
 
     checkStop();
@@ -71,8 +73,9 @@ class Cycle {
       state_.lastSyncAt = isoString(now_);
       state_.rosterCount = result_.rosterCount;
       state_.lastError.reset();
-      deps_.store->save(state_);
+      save();
     }
+    if (deps_.fingerprints) deps_.fingerprints->endCycle();
     return result_;
   }
 
@@ -81,8 +84,16 @@ class Cycle {
   // posted again), then ends the cycle.
   void checkStop() {
     if (!deps_.stop.stopRequested()) return;
-    if (!deps_.dryRun) deps_.store->save(state_);
+    if (!deps_.dryRun) save();
     throw CycleStopped();
+  }
+
+  // Saves the state unless it is what the store already holds: an idle cycle
+  // changes nothing but its time of sync.
+  void save() {
+    if (state_ == saved_) return;
+    deps_.store->save(state_);
+    saved_ = state_;
   }
 
   struct Directory {
@@ -115,7 +126,8 @@ class Cycle {
     Directory d;
     d.full = !state_.directoryFullAt || now_ - *state_.directoryFullAt > directoryFullRefreshMs - 1;
     for (const auto& entry : entries) {
-      const std::string print = fingerprint(entry);
+      const std::string print =
+          deps_.fingerprints ? deps_.fingerprints->print(entry) : fingerprint(entry);
       const auto sent = state_.directorySent.find(entry.handle);
       if (d.full || sent == state_.directorySent.end() || sent->second != print) {
         d.toSend.push_back(entry);
@@ -175,7 +187,7 @@ class Cycle {
     state_.backfilled.insert(state_.backfilled.end(), newHandles.begin(), newHandles.end());
     state_.directorySent = std::move(dir.fingerprints);
     if (dir.full) state_.directoryFullAt = now_;
-    deps_.store->save(state_);
+    save();
     result_.cursor = upTo_;
   }
 
@@ -272,7 +284,7 @@ class Cycle {
       }
       send(item, kind);
     }
-    if (!deps_.dryRun) deps_.store->save(state_);
+    if (!deps_.dryRun) save();
   }
 
   void send(const OutboxItem& item, const std::string& kind) {
@@ -283,7 +295,7 @@ class Cycle {
     // failed next cycle instead of sending it again.
     state_.outboxDone.push_back(
         {item.id, SendStatus::failed, OutboxDone::interruptedError, now_, false});
-    deps_.store->save(state_);
+    save();
 
     const SendResult sent = deps_.sender->send(item.handle, item.text);
     OutboxDone& record = *doneRecord(item.id);
@@ -314,6 +326,7 @@ class Cycle {
   CycleResult result_;
   std::int64_t upTo_ = 0;
   std::vector<ChatDB::OneToOneChat> chats_;
+  AgentState saved_;  // what the store holds
   ChatDB::ChatMap rosterChats_;
 };
 
@@ -328,3 +341,26 @@ std::string fingerprint(const DirectoryEntry& entry) {
 CycleResult runCycle(const CycleDeps& deps) { return Cycle(deps).run(); }
 
 }  // namespace corvane::SyncEngine
+
+namespace corvane {
+
+std::string FingerprintMemo::print(const DirectoryEntry& entry) {
+  std::lock_guard lock(mutex_);
+  auto known = last_.find(entry.handle);
+  if (known != last_.end() && known->second.entry == entry) {
+    std::string print = known->second.print;
+    next_.insert(last_.extract(known));
+    return print;
+  }
+  std::string print = SyncEngine::fingerprint(entry);
+  next_.insert_or_assign(entry.handle, Known{entry, print});
+  return print;
+}
+
+void FingerprintMemo::endCycle() {
+  std::lock_guard lock(mutex_);
+  last_.swap(next_);
+  next_.clear();
+}
+
+}  // namespace corvane

@@ -14,8 +14,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "core/api/agent_api.h"
 #include "core/contacts/contact_book.h"
@@ -27,6 +29,25 @@
 namespace corvane {
 
 class DirectoryCache;
+
+// The fingerprints of the last cycle's directory entries, so that a cycle
+// hashes only the entries that changed. Kept beside the DirectoryCache by
+// whoever runs cycles one after another; safe to call from any thread.
+class FingerprintMemo {
+ public:
+  // SyncEngine::fingerprint(entry).
+  std::string print(const DirectoryEntry& entry);
+  // Forgets the entries this cycle did not ask for.
+  void endCycle();
+
+ private:
+  struct Known {
+    DirectoryEntry entry;
+    std::string print;
+  };
+  std::mutex mutex_;
+  std::unordered_map<std::string, Known> last_, next_;
+};
 
 struct CycleDeps {
   std::shared_ptr<AgentAPI> api;
@@ -45,6 +66,9 @@ struct CycleDeps {
   // Keeps the directory's aggregates from one cycle to the next; absent, the
   // directory is read in full every cycle.
   std::shared_ptr<DirectoryCache> directoryCache{};
+  // Keeps the directory's fingerprints between cycles; absent, every entry
+  // is hashed every cycle.
+  std::shared_ptr<FingerprintMemo> fingerprints{};
 };
 
 struct CycleResult {

@@ -62,6 +62,8 @@ class DirectoryCacheTrace {
     const IndexedContactBook contacts(
         {{ContactName("Alex", "Doe", std::nullopt, std::nullopt), {"415-555-0100"}, {}}}, "US");
     const auto full = db.buildDirectory(since, contacts, exclude, &chats);
+    ChatDB reader(path(), "US");
+    ASSERT_EQ(cache.oneToOneChats(path(), reader), chats) << "after: " << what;
     const auto cached = cache.buildDirectory(path(), since, contacts, exclude, chats);
     ASSERT_EQ(cached, full) << "after: " << what;
     EXPECT_EQ(cache.lastRefresh(), expected) << "after: " << what;
@@ -334,6 +336,31 @@ TEST_F(DirectoryCacheTest, AFailedBuildForgetsEverything) {
   EXPECT_EQ(cache.lastRefresh(), std::nullopt);
   cached();
   EXPECT_EQ(cache.lastRefresh(), Refresh::full);
+}
+
+// The chats statement runs again exactly when the database or the region
+// changed; in between, the answer is the one it gave.
+TEST_F(DirectoryCacheTest, TheOneToOneChatsAreReadAgainOnlyAfterACommitOrForAnotherRegion) {
+  builder.oneToOne("4155550100");
+  ChatDB us(builder.path(), "US"), gb(builder.path(), "GB");
+  int statements = 0;
+  for (ChatDB* db : {&us, &gb}) db->setStatementObserver([&](const std::string&) { ++statements; });
+  // The chats through the cache, and how many statements that took.
+  const auto viaCache = [&](ChatDB& db) {
+    statements = 0;
+    auto chats = cache.oneToOneChats(builder.path(), db);
+    return std::pair(chats, statements);
+  };
+  const auto direct = [&](ChatDB& db) { return db.oneToOneChats(); };
+
+  EXPECT_EQ(viaCache(us), std::pair(direct(us), 1));
+  EXPECT_EQ(viaCache(us), std::pair(direct(us), 0)) << "nothing changed";
+  builder.oneToOne("+442079460000");
+  const auto afterCommit = viaCache(us);
+  EXPECT_EQ(afterCommit, std::pair(direct(us), 1));
+  EXPECT_EQ(afterCommit.first.size(), 2u);
+  EXPECT_NE(direct(gb), direct(us)) << "the regions read the number apart";
+  EXPECT_EQ(viaCache(gb), std::pair(direct(gb), 1));
 }
 
 }  // namespace

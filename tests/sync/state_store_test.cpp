@@ -68,6 +68,20 @@ TEST_F(FileStateStoreTest, SaveThenLoadGivesTheSameState) {
   EXPECT_EQ(store.path(), fs::path(tmp.path()) / "state.json");
 }
 
+// The store keeps what it read or wrote last, but another writer's file,
+// renamed into place at the very same size, is what the next load gives.
+TEST_F(FileStateStoreTest, AFileReplacedByAnotherWriterIsReadAgain) {
+  store.save(AgentState{.cursor = 1111});
+  EXPECT_EQ(store.load().cursor, 1111);
+  std::string text = readFile(store.path());
+  text.replace(text.find("1111"), 4, "2222");
+  const fs::path other = fs::path(tmp.path()) / "other.json";
+  writeFile(other, text);
+  fs::rename(other, store.path());
+  EXPECT_EQ(store.load().cursor, 2222);
+  EXPECT_EQ(store.load().cursor, 2222);
+}
+
 TEST_F(FileStateStoreTest, FileLeavesOutAbsentOptionalsButAlwaysHasCollections) {
   store.save(AgentState{.outboxDone = {{"o1", SendStatus::sent, std::nullopt, 5, false}}});
 

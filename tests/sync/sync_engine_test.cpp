@@ -115,6 +115,7 @@ TEST_F(SyncCycleTest, CyclesWithADirectoryCacheUploadWhatFreshReadsUpload) {
   withCache.api = cachedAPI;
   withCache.store = std::make_shared<MemoryStateStore>();
   withCache.directoryCache = std::make_shared<DirectoryCache>();
+  withCache.fingerprints = std::make_shared<FingerprintMemo>();
   message(alex, "old", 2 * kDay);
   message(sam, "hi", kDay);
   for (const auto refresh : {DirectoryCache::Refresh::full, DirectoryCache::Refresh::incremental}) {
@@ -126,6 +127,7 @@ TEST_F(SyncCycleTest, CyclesWithADirectoryCacheUploadWhatFreshReadsUpload) {
     for (std::size_t i = 0; i < api->syncs.size(); ++i) {
       EXPECT_EQ(cachedAPI->syncs[i].directory, api->syncs[i].directory);
     }
+    EXPECT_EQ(withCache.store->load(), store->load());
     now += 60000;
     message(stranger, "new", 0);
     builder.message(alex, MessageSpec{.text = "mine", .fromMe = true, .dateMs = now, .service = "SMS"});

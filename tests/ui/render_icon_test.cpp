@@ -95,5 +95,19 @@ TEST(AppIconTest, TheMenuBarImageIsBlackOnTransparentWithTheMarkCutOut) {
   }
 }
 
+// The window icon is drawn when shown, at the size shown: every offered size
+// and any other comes out square, pixel for pixel the drawing of that size.
+TEST(AppIconTest, TheWindowIconDrawsEachSizeWhenAskedFor) {
+  const QIcon icon = AppIcon::windowIcon();
+  ASSERT_FALSE(icon.availableSizes().isEmpty());
+  for (const QSize asked : {QSize(16, 16), QSize(512, 512), QSize(48, 40), QSize(20, 30)}) {
+    const int side = std::min(asked.width(), asked.height());
+    const QImage shown = icon.pixmap(asked).toImage().convertToFormat(QImage::Format_ARGB32);
+    EXPECT_EQ(shown.size(), QSize(side, side)) << asked.width() << "x" << asked.height();
+    EXPECT_EQ(shown, AppIcon::draw(side).convertToFormat(QImage::Format_ARGB32)) << side;
+  }
+  EXPECT_TRUE(icon.availableSizes().contains(QSize(512, 512)));
+}
+
 }  // namespace
 }  // namespace corvane
