@@ -15,11 +15,17 @@ void QtMainScheduler::post(std::function<void()> work) {
   QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection);
 }
 
+Qt::TimerType QtMainScheduler::timerTypeFor(double seconds) {
+  // Within 5% for the short waits of the setup screens; to the second for
+  // the sync loop's naps and the ticks.
+  return seconds >= 10.0 ? Qt::VeryCoarseTimer : Qt::CoarseTimer;
+}
+
 MainScheduler::TimerId QtMainScheduler::start(double seconds, bool repeating,
                                               std::function<void()> work) {
   const TimerId id = next_++;
   auto* timer = new QTimer(this);
-  timer->setTimerType(Qt::PreciseTimer);
+  timer->setTimerType(timerTypeFor(seconds));
   timer->setSingleShot(!repeating);
   timer->setInterval(static_cast<int>(std::llround(std::max(0.0, seconds) * 1000.0)));
   connect(timer, &QTimer::timeout, this, [this, id, repeating, work = std::move(work)] {

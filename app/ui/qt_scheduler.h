@@ -23,6 +23,11 @@ class QtMainScheduler final : public QObject, public MainScheduler {
   TimerId every(double seconds, std::function<void()> work) override;
   void cancel(TimerId timer) override;
 
+  // The kind of QTimer a wait of `seconds` gets: nothing here needs
+  // millisecond timing, and coarse timers let the system wake the process
+  // together with others instead of just for it.
+  static Qt::TimerType timerTypeFor(double seconds);
+
  private:
   TimerId start(double seconds, bool repeating, std::function<void()> work);
 
