@@ -5,7 +5,8 @@
 // Its height is that of the lines at the width it is given, so a layout
 // that asks for a height gets all of them.
 //
-// Without word wrap it is a plain QLabel. Main thread only.
+// It draws wrapped text itself, without links or selection; without word
+// wrap it is a plain QLabel. Main thread only.
 #pragma once
 
 #include <QLabel>

@@ -150,6 +150,12 @@ int frameSetupWindow(QWidget& widget) {
   // to the size Qt lays the widget out at.
   // https://developer.apple.com/documentation/appkit/nswindow/setcontentsize(_:)
   [window setContentSize:NSMakeSize(widget.width(), widget.height())];
+#if QT_VERSION >= QT_VERSION_CHECK(6, 9, 0)
+  // Qt 6.9 on would keep the widget's content out of the title bar too, on
+  // top of the room the setup window keeps for it.
+  // https://doc.qt.io/qt-6/qt.html#WidgetAttribute-enum
+  widget.setAttribute(Qt::WA_ContentsMarginsRespectsSafeArea, false);
+#endif
   // What the title bar covers: the window less the part content can use.
   // https://developer.apple.com/documentation/appkit/nswindow/contentlayoutrect
   return static_cast<int>(std::lround(NSHeight(window.frame) - NSHeight(window.contentLayoutRect)));
