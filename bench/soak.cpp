@@ -38,11 +38,13 @@ namespace corvane::bench {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: corvane-soak [--cycles N] [--messages N] [--data DIR] [--seed N]\n"
+    "usage: corvane-soak [--cycles N] [--messages N] [--data DIR] [--seed N] [--sends-every N]\n"
     "  --cycles N    daemon cycles to run (default 1000, at least 200)\n"
     "  --messages N  size of the generated database copied for the run (default 50000)\n"
     "  --data DIR    where generated databases are cached (default build/bench-data)\n"
-    "  --seed N      seed of the arrivals, sends and faults (default 1)\n";
+    "  --seed N      seed of the arrivals, sends and faults (default 1)\n"
+    "  --sends-every N  an approved text every N cycles (default 3; 0: only with the\n"
+    "                faults on acknowledgements)\n";
 
 constexpr int kReportEvery = 100;
 constexpr std::int64_t kGrowthGoalKB = 1024;
@@ -56,6 +58,7 @@ struct Options {
   std::int64_t messages = 50000;
   std::string data = "build/bench-data";
   unsigned seed = 1;
+  int sendsEvery = 3;
 };
 
 // The process's own figures, from /proc/self.
@@ -147,6 +150,8 @@ Options parse(int argc, char** argv) {
         o.messages = std::stoll(value);
       } else if (arg == "--data") {
         o.data = value;
+      } else if (arg == "--sends-every") {
+        o.sendsEvery = std::stoi(value);
       } else if (arg == "--seed") {
         o.seed = static_cast<unsigned>(std::stoul(value));
       } else {
@@ -157,7 +162,7 @@ Options parse(int argc, char** argv) {
       std::exit(64);
     }
   }
-  if (o.cycles < 2 * kReportEvery || o.messages < 1000) {
+  if (o.cycles < 2 * kReportEvery || o.messages < 1000 || o.sendsEvery < 0) {
     std::fputs(kUsage, stderr);
     std::exit(64);
   }
@@ -334,7 +339,7 @@ class Soak {
     // Texts approved on the website; one in ten is the assistant's reply
     // into the self chat.
     const bool ackFault = fault && !fault->failsCycle;
-    if (next % 3 == 0 || ackFault) {
+    if ((options_.sendsEvery > 0 && next % options_.sendsEvery == 0) || ackFault) {
       OutboxItem item{.id = "soak-" + std::to_string(next),
                       .handle = roster[pick(roster.size())],
                       .text = "approved text " + std::to_string(next),
@@ -454,9 +459,10 @@ int soak(const Options& options) {
   const std::string chatDB = work.file("chat.db");
   std::filesystem::copy_file(generated, chatDB);
   std::printf("corvane-soak: %d cycles on a copy of %s (%lld messages), roster of %zu, poll %lld s "
-              "of simulated time, seed %u\n",
+              "of simulated time, a send every %d cycles, seed %u\n",
               options.cycles, generated.c_str(), static_cast<long long>(options.messages),
-              roster.roster.size(), static_cast<long long>(kPollSec), options.seed);
+              roster.roster.size(), static_cast<long long>(kPollSec), options.sendsEvery,
+              options.seed);
   std::printf("the server runs in a child process: the figures are the agent's process alone "
               "(with the soak's Messages stand-in, a little SQLite)\n");
   Soak soak(options, chatDB, roster, server);
