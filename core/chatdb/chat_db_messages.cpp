@@ -18,20 +18,20 @@ constexpr std::size_t kServiceMax = 20;
 constexpr const char* kDefaultService = "iMessage";
 constexpr std::string_view kObjectReplacement = "\xEF\xBF\xBC";  // U+FFFC
 
-using rows::isNonZeroInteger;
 using rows::placeholders;
 
-bool isInt(const SQLValue& v) { return v.kind() == SQLValue::Kind::integer; }
+bool isInt(const SQLCell& c) { return c.kind == SQLValue::Kind::integer; }
+bool isNonZeroInteger(const SQLCell& c) { return isInt(c) && c.integer != 0; }
 
 // The position of a column the statement is known to have.
-std::size_t columnAt(const SQLRow& row, std::string_view name) { return *row.indexOf(name); }
+std::size_t columnAt(const SQLiteRowView& row, std::string_view name) { return *row.indexOf(name); }
 
 // Column positions of the message statement, resolved once per result.
 struct MessageColumns {
   std::size_t rowid, guid, text, body, fromMe, service, sentMs, amt, assocGuid, threadGuid,
       itemType, hasAttachments, chatId;
 
-  explicit MessageColumns(const SQLRow& row)
+  explicit MessageColumns(const SQLiteRowView& row)
       : rowid(columnAt(row, "rowid")), guid(columnAt(row, "guid")), text(columnAt(row, "text")),
         body(columnAt(row, "attributedBody")), fromMe(columnAt(row, "is_from_me")),
         service(columnAt(row, "service")), sentMs(columnAt(row, "sent_ms")),
@@ -44,7 +44,7 @@ struct MessageColumns {
 struct AttachmentColumns {
   std::size_t mid, mime, uti, transfer, sticker;
 
-  explicit AttachmentColumns(const SQLRow& row)
+  explicit AttachmentColumns(const SQLiteRowView& row)
       : mid(columnAt(row, "mid")), mime(columnAt(row, "mime_type")), uti(columnAt(row, "uti")),
         transfer(columnAt(row, "transfer_name")), sticker(columnAt(row, "is_sticker")) {}
 };
@@ -73,37 +73,34 @@ std::string cleaned(std::string s) {
   return s;
 }
 
-// clipUTF16 without a copy for the strings that fit, which is nearly all.
-std::string clipped(std::string s, std::size_t max) {
-  if (s.size() <= max) return s;
+// The same from a view of the row: only the bytes kept are copied.
+std::string cleanedCopy(std::string_view s) {
+  if (s.find('\0') == std::string_view::npos &&
+      s.find(kObjectReplacement) == std::string_view::npos) {
+    return std::string(trimWhitespace(s));
+  }
+  return cleaned(std::string(s));
+}
+
+// The text of a message row from a view of its "text" column; `body()` gives
+// the attributed body's bytes, read only when the text is empty.
+template <class Body>
+std::string messageText(std::optional<std::string_view> text, const Body& body) {
+  if (text && !text->empty()) return cleanedCopy(*text);
+  const auto bytes = body();
+  auto decoded = bytes ? TypedStream::decodeAttributedBody(*bytes) : std::nullopt;
+  return decoded ? cleaned(std::move(*decoded)) : std::string();
+}
+
+// clipUTF16 that skips the grapheme walk for the strings that fit, nearly all.
+std::string clippedCopy(std::string_view s, std::size_t max) {
+  if (s.size() <= max) return std::string(s);
   return clipUTF16(s, max);
 }
 
-}  // namespace
-
-std::string appleDateToUnixMsSQL(const std::string& c) {
-  const std::string epoch = std::to_string(ChatDB::appleEpochMs);
-  return "(CASE WHEN " + c + " IS NULL OR " + c + " = 0 THEN NULL WHEN " + c +
-         " > 100000000000 THEN " + c + " / 1000000 + " + epoch + " ELSE " + c + " * 1000 + " +
-         epoch + " END)";
-}
-
-std::string ChatDB::cleanText(const std::optional<std::string>& s) {
-  return s ? cleaned(*s) : std::string();
-}
-
-std::string extractMessageText(const SQLValue& text, const SQLValue& attributedBody) {
-  std::optional<std::string> chosen = text.string();
-  if (!chosen || chosen->empty()) {
-    const auto bytes = attributedBody.data();
-    chosen = bytes ? TypedStream::decodeAttributedBody(*bytes) : std::nullopt;
-  }
-  return chosen ? cleaned(std::move(*chosen)) : std::string();
-}
-
-std::optional<std::string> ChatDB::stripAssociatedGuid(const std::optional<std::string>& s) {
-  if (!s || s->empty()) return std::nullopt;
-  std::string_view v = *s;
+std::optional<std::string> strippedGuid(std::string_view s) {
+  if (s.empty()) return std::nullopt;
+  std::string_view v = s;
   if (v.starts_with("bp:")) {
     v.remove_prefix(3);
   } else if (v.starts_with("p:")) {
@@ -117,21 +114,51 @@ std::optional<std::string> ChatDB::stripAssociatedGuid(const std::optional<std::
       if (digits) v.remove_prefix(slash + 1);
     }
   }
-  if (v.empty()) return prefixGraphemes(*s, kGuidMax);
+  if (v.empty()) return prefixGraphemes(s, kGuidMax);
   return clipUTF16(v, kGuidMax);
 }
 
-std::optional<std::string> ChatDB::reactionWord(std::int64_t code) {
-  static constexpr std::array<const char*, 7> kWords = {
-      "loved", "liked", "disliked", "laughed", "emphasized", "questioned", "reacted"};
-  if (code < 2000 || code > 2006) return std::nullopt;
-  return kWords[static_cast<std::size_t>(code - 2000)];
+// isoString for messages in ROWID order, which nearly always share their day
+// with the one before: the date part is formatted once a day.
+class IsoDates {
+ public:
+  std::string operator()(std::int64_t ms) {
+    constexpr std::int64_t kDayMs = 86400000;
+    // From 1970 to 9999 every field of the text has a fixed place.
+    constexpr std::int64_t kYear10000Ms = 253402300800000;
+    if (ms < 0 || ms >= kYear10000Ms) return isoString(ms);
+    if (ms / kDayMs != day_) {
+      day_ = ms / kDayMs;
+      last_ = isoString(ms);
+      return last_;
+    }
+    std::string out = last_;
+    std::int64_t t = ms % kDayMs;
+    put(out, 20, t % 1000, 3);
+    t /= 1000;
+    put(out, 17, t % 60, 2);
+    put(out, 14, t / 60 % 60, 2);
+    put(out, 11, t / 3600, 2);
+    return out;
+  }
+
+ private:
+  static void put(std::string& s, std::size_t at, std::int64_t value, std::size_t digits) {
+    for (std::size_t i = digits; i-- > 0; value /= 10) {
+      s[at + i] = static_cast<char>('0' + value % 10);
+    }
+  }
+  std::int64_t day_ = -1;
+  std::string last_;
+};
+
+std::optional<std::string_view> viewOf(const std::optional<std::string>& s) {
+  return s ? std::optional<std::string_view>(*s) : std::nullopt;
 }
 
-std::optional<AttachmentKind> ChatDB::attachmentKind(const std::optional<std::string>& mime,
-                                                     const std::optional<std::string>& uti,
-                                                     const std::optional<std::string>& transferName,
-                                                     bool isSticker) {
+std::optional<AttachmentKind> kindOf(std::optional<std::string_view> mime,
+                                     std::optional<std::string_view> uti,
+                                     std::optional<std::string_view> transferName, bool isSticker) {
   if (lowercased(transferName.value_or("")).ends_with(".pluginpayloadattachment")) {
     return std::nullopt;  // app payloads are not attachments a person sent
   }
@@ -151,6 +178,43 @@ std::optional<AttachmentKind> ChatDB::attachmentKind(const std::optional<std::st
   if (containsAny({"movie", "video", "mpeg-4", "quicktime"})) return AttachmentKind::video;
   if (containsAny({"audio", "caf", "m4a", "amr"})) return AttachmentKind::audio;
   return AttachmentKind::file;
+}
+
+}  // namespace
+
+std::string appleDateToUnixMsSQL(const std::string& c) {
+  const std::string epoch = std::to_string(ChatDB::appleEpochMs);
+  return "(CASE WHEN " + c + " IS NULL OR " + c + " = 0 THEN NULL WHEN " + c +
+         " > 100000000000 THEN " + c + " / 1000000 + " + epoch + " ELSE " + c + " * 1000 + " +
+         epoch + " END)";
+}
+
+std::string ChatDB::cleanText(const std::optional<std::string>& s) {
+  return s ? cleaned(*s) : std::string();
+}
+
+std::string extractMessageText(const SQLValue& text, const SQLValue& attributedBody) {
+  const auto body = [&] { return attributedBody.data(); };
+  if (const std::string* t = text.textIf()) return messageText(*t, body);
+  return messageText(viewOf(text.string()), body);
+}
+
+std::optional<std::string> ChatDB::stripAssociatedGuid(const std::optional<std::string>& s) {
+  return s ? strippedGuid(*s) : std::nullopt;
+}
+
+std::optional<std::string> ChatDB::reactionWord(std::int64_t code) {
+  static constexpr std::array<const char*, 7> kWords = {
+      "loved", "liked", "disliked", "laughed", "emphasized", "questioned", "reacted"};
+  if (code < 2000 || code > 2006) return std::nullopt;
+  return kWords[static_cast<std::size_t>(code - 2000)];
+}
+
+std::optional<AttachmentKind> ChatDB::attachmentKind(const std::optional<std::string>& mime,
+                                                     const std::optional<std::string>& uti,
+                                                     const std::optional<std::string>& transferName,
+                                                     bool isSticker) {
+  return kindOf(viewOf(mime), viewOf(uti), viewOf(transferName), isSticker);
 }
 
 std::string ChatDB::messageItem(const std::string& column, const std::string& alias) const {
@@ -218,55 +282,68 @@ std::vector<ChatDB::ExtractedMessage> ChatDB::extract(const ChatMap& chats,
   std::vector<bool> isReaction;  // per entry of `out`
   std::vector<std::int64_t> withAttachments;
   std::optional<MessageColumns> col;
+  // The map's chats in its (ascending) order, in one block: every row looks
+  // its chat up.
+  std::vector<std::pair<std::int64_t, const std::string*>> handles;
+  handles.reserve(chats.size());
+  for (const auto& [id, handle] : chats) handles.emplace_back(id, &handle);
+  // Numbers read as text are rendered here, one buffer per column used.
+  std::string guidNumber, textNumber, serviceNumber, replyNumber;
+  IsoDates isoDates;
 
-  db_->forEach(messageSQL(where), params, [&](const SQLRow& row) {
+  // Columns are read in place and only when the row needs them; the strings
+  // of the message are the only copies.
+  db_->forEachInPlace(messageSQL(where), params, [&](const SQLiteRowView& row) {
     if (!col) col.emplace(row);
-    const SQLValue& rowid = row.at(col->rowid);
+    const SQLCell rowid = row.at(col->rowid);
+    const SQLCell flag = row.at(col->hasAttachments);
     // Rows come in ROWID order, so a message joined to two chats is adjacent.
-    if (isInt(rowid) && !(isInt(row.at(col->hasAttachments)) &&
-                          *row.at(col->hasAttachments).int64() == 0) &&
-        (withAttachments.empty() || withAttachments.back() != *rowid.int64())) {
-      withAttachments.push_back(*rowid.int64());
+    if (isInt(rowid) && !(isInt(flag) && flag.integer == 0) &&
+        (withAttachments.empty() || withAttachments.back() != rowid.integer)) {
+      withAttachments.push_back(rowid.integer);
     }
 
-    const SQLValue& chatId = row.at(col->chatId);
-    const SQLValue& sentMs = row.at(col->sentMs);
+    const SQLCell chatId = row.at(col->chatId);
+    const SQLCell sentMs = row.at(col->sentMs);
     if (!isInt(rowid) || !isInt(chatId) || !isInt(sentMs)) return;
-    const auto chat = chats.find(*chatId.int64());
-    if (chat == chats.end()) return;
-    auto guid = row.at(col->guid).string();
+    const auto chat = std::lower_bound(
+        handles.begin(), handles.end(), chatId.integer,
+        [](const auto& entry, std::int64_t id) { return entry.first < id; });
+    if (chat == handles.end() || chat->first != chatId.integer) return;
+    const auto guid = row.at(col->guid).string(guidNumber);
     if (!guid || guid->empty()) return;
     if (isNonZeroInteger(row.at(col->itemType))) return;
-
-    std::string text = extractMessageText(row.at(col->text), row.at(col->body));
-    std::optional<std::string> reaction;
-    std::optional<std::string> replyTarget;
-    const SQLValue& amt = row.at(col->amt);
+    const SQLCell amt = row.at(col->amt);
     const bool reactionRow = isNonZeroInteger(amt);
+    std::optional<std::string> reaction;
     if (reactionRow) {
-      reaction = reactionWord(*amt.int64());
+      reaction = reactionWord(amt.integer);
       if (!reaction) return;
-      if (text.empty()) {
-        text = *reaction + " a message";
-        text[0] = static_cast<char>(text[0] - 'a' + 'A');
-      }
-      replyTarget = row.at(col->assocGuid).string();
-    } else {
-      replyTarget = row.at(col->threadGuid).string();
     }
 
+    std::string text = messageText(row.at(col->text).string(textNumber),
+                                   [&] { return row.at(col->body).data(); });
+    if (reactionRow && text.empty()) {
+      text = *reaction + " a message";
+      text[0] = static_cast<char>(text[0] - 'a' + 'A');
+    }
+    const auto replyTarget =
+        row.at(reactionRow ? col->assocGuid : col->threadGuid).string(replyNumber);
+
     ExtractedMessage& e = out.emplace_back();
-    e.rowid = *rowid.int64();
-    e.sentAtMs = *sentMs.int64();
+    e.rowid = rowid.integer;
+    e.sentAtMs = sentMs.integer;
     SyncedMessage& m = e.message;
-    m.guid = clipped(std::move(*guid), kGuidMax);
-    m.handle = chat->second;
-    m.text = clipped(std::move(text), kTextMax);
-    m.isFromMe = isInt(row.at(col->fromMe)) && *row.at(col->fromMe).int64() == 1;
-    m.sentAt = isoString(e.sentAtMs);
-    m.service = clipped(row.at(col->service).string().value_or(kDefaultService), kServiceMax);
+    m.guid = clippedCopy(*guid, kGuidMax);
+    m.handle = *chat->second;
+    m.text = text.size() <= kTextMax ? std::move(text) : clipUTF16(text, kTextMax);
+    const SQLCell fromMe = row.at(col->fromMe);
+    m.isFromMe = isInt(fromMe) && fromMe.integer == 1;
+    m.sentAt = isoDates(e.sentAtMs);
+    m.service = clippedCopy(
+        row.at(col->service).string(serviceNumber).value_or(kDefaultService), kServiceMax);
     m.reaction = std::move(reaction);
-    m.replyToGuid = stripAssociatedGuid(replyTarget);
+    if (replyTarget) m.replyToGuid = strippedGuid(*replyTarget);
     isReaction.push_back(reactionRow);
   });
 
@@ -295,6 +372,7 @@ ChatDB::AttachmentsByRow ChatDB::attachmentsFor(const std::vector<std::int64_t>&
   AttachmentsByRow kinds;
   // Older or stripped databases without an attachment table have nothing to join.
   if (rowids.empty() || attachmentCols_.empty()) return kinds;
+  std::string mimeNumber, utiNumber, transferNumber;
   // `rowids` ascend and each statement orders by message id, so the entries
   // come out sorted by ROWID, as extract's look-up needs.
   for (std::size_t start = 0; start < rowids.size(); start += kAttachmentChunk) {
@@ -302,16 +380,17 @@ ChatDB::AttachmentsByRow ChatDB::attachmentsFor(const std::vector<std::int64_t>&
     std::vector<SQLValue> params(rowids.begin() + static_cast<std::ptrdiff_t>(start),
                                  rowids.begin() + static_cast<std::ptrdiff_t>(start + n));
     std::optional<AttachmentColumns> col;
-    db_->forEach(attachmentSQL(n), params, [&](const SQLRow& row) {
+    db_->forEachInPlace(attachmentSQL(n), params, [&](const SQLiteRowView& row) {
       if (!col) col.emplace(row);
-      const SQLValue& mid = row.at(col->mid);
+      const SQLCell mid = row.at(col->mid);
       if (!isInt(mid)) return;
-      const auto kind = attachmentKind(row.at(col->mime).string(), row.at(col->uti).string(),
-                                       row.at(col->transfer).string(),
-                                       isNonZeroInteger(row.at(col->sticker)));
+      const auto kind = kindOf(row.at(col->mime).string(mimeNumber),
+                               row.at(col->uti).string(utiNumber),
+                               row.at(col->transfer).string(transferNumber),
+                               isNonZeroInteger(row.at(col->sticker)));
       if (!kind) return;
-      if (kinds.empty() || kinds.back().first != *mid.int64()) {
-        kinds.emplace_back(*mid.int64(), std::vector<AttachmentKind>{});
+      if (kinds.empty() || kinds.back().first != mid.integer) {
+        kinds.emplace_back(mid.integer, std::vector<AttachmentKind>{});
       }
       kinds.back().second.push_back(*kind);
     });

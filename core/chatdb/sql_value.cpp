@@ -101,6 +101,36 @@ std::optional<std::span<const std::uint8_t>> SQLValue::data() const {
   return std::nullopt;
 }
 
+std::optional<std::string_view> SQLCell::string(std::string& scratch) const {
+  switch (kind) {
+    case SQLValue::Kind::integer:
+      scratch = std::to_string(integer);
+      return scratch;
+    case SQLValue::Kind::real:
+      scratch = SQLValue::renderDouble(real);
+      return scratch;
+    case SQLValue::Kind::text:
+      return text;
+    case SQLValue::Kind::blob: {
+      const std::string_view s(reinterpret_cast<const char*>(blob.data()), blob.size());
+      if (!isValidUTF8(s)) return std::nullopt;
+      return s;
+    }
+    case SQLValue::Kind::null:
+      break;
+  }
+  return std::nullopt;
+}
+
+std::optional<std::span<const std::uint8_t>> SQLCell::data() const {
+  if (kind == SQLValue::Kind::text) {
+    return std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(text.data()),
+                                         text.size());
+  }
+  if (kind == SQLValue::Kind::blob) return blob;
+  return std::nullopt;
+}
+
 std::optional<std::size_t> SQLRow::indexOf(std::string_view name) const {
   const auto& names = *names_;
   for (std::size_t i = names.size(); i-- > 0;) {

@@ -63,6 +63,22 @@ class SQLValue {
   std::variant<std::int64_t, double, std::string, Bytes, std::monostate> v_{std::monostate{}};
 };
 
+// One column of a row viewed where SQLite holds it, read as SQLValue would
+// hold it (text is valid UTF-8); the views last while the row does.
+struct SQLCell {
+  SQLValue::Kind kind = SQLValue::Kind::null;
+  std::int64_t integer = 0;
+  double real = 0;
+  std::string_view text;
+  std::span<const std::uint8_t> blob;
+
+  // SQLValue::string(), without copying a text or blob; a number is
+  // rendered into `scratch`.
+  std::optional<std::string_view> string(std::string& scratch) const;
+  // SQLValue::data().
+  std::optional<std::span<const std::uint8_t>> data() const;
+};
+
 // A result row: values in column order with the statement's column names
 // shared between all rows of one result.
 class SQLRow {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <map>
 #include <tuple>
 
 #include "core/chatdb/chat_db.h"
@@ -262,6 +263,21 @@ TEST_F(ExtractionTest, DatesInSecondsAndNanosecondsAndMissingDates) {
   EXPECT_EQ(all[0].message.sentAt, isoString(1678307200000));
 }
 
+// Dates are formatted a day at a time: every time of day, days that come back
+// out of order and a date before 1970 read exactly as isoString has them.
+TEST_F(ExtractionTest, EveryDateReadsAsItsIsoString) {
+  const std::int64_t day = 86400000, midnight = 1700000000000 - 1700000000000 % day;
+  const std::int64_t times[] = {midnight,       midnight + 1,   midnight + day - 1,
+                                midnight + 45296789, midnight + day, midnight - 1,
+                                midnight + 3 * day + 7, midnight + 999};
+  for (const std::int64_t ms : times) builder.message(chat, MessageSpec{.text = "t", .dateMs = ms});
+  builder.message(chat, MessageSpec{.text = "1969", .rawDate = -978307201});
+  const auto all = after();
+  ASSERT_EQ(all.size(), std::size(times) + 1);
+  EXPECT_EQ(all.back().sentAtMs, -1000);
+  for (const auto& e : all) EXPECT_EQ(e.message.sentAt, isoString(e.sentAtMs)) << e.sentAtMs;
+}
+
 TEST_F(ExtractionTest, LongFieldsAreClippedWithoutSplittingCharacters) {
   std::string text;
   while (utf16Length(text) < 25000) text += "\U0001F469\u200D\U0001F4BB ";
@@ -277,6 +293,36 @@ TEST_F(ExtractionTest, LongFieldsAreClippedWithoutSplittingCharacters) {
   EXPECT_TRUE(isValidUTF8(m.text));
   EXPECT_EQ(m.guid, std::string(100, 'G'));
   EXPECT_EQ(m.service, "AVeryLongServiceName");
+}
+
+// Another program writes this database, so a column may hold any storage
+// class: numbers read as their decimal text, blobs as UTF-8 (or not at all),
+// broken text repaired.
+TEST_F(ExtractionTest, ColumnsOfOtherStorageClassesReadAsText) {
+  // column, stored value, the field it fills (nothing: the row is dropped)
+  const std::tuple<std::string, SQLValue, std::optional<std::string>> cases[] = {
+      {"guid", SQLValue(42), "42"},
+      {"guid", SQLValue(2.5), "2.5"},
+      {"guid", SQLValue(bytes("G-blob")), "G-blob"},
+      {"guid", SQLValue(bytes("G\xFF")), std::nullopt},
+      {"text", SQLValue(7), "7"},
+      {"text", SQLValue(bytes(" blob text ")), "blob text"},
+      {"text", SQLValue("broken \xFF"), "broken \uFFFD"},
+      {"service", SQLValue(3), "3"},
+      {"thread_originator_guid", SQLValue(bytes("p:1/T")), "T"},
+  };
+  for (const auto& [column, value, expected] : cases) {
+    const auto rowid = builder.message(chat, MessageSpec{.text = "t", .threadGuid = "X"});
+    builder.db().run("UPDATE message SET " + column + " = ? WHERE ROWID = ?", {value, rowid});
+    const auto all = after(rowid - 1);
+    ASSERT_EQ(all.size(), expected ? 1u : 0u) << column;
+    if (!expected) continue;
+    const SyncedMessage& m = all[0].message;
+    const std::map<std::string, std::optional<std::string>> fields = {
+        {"guid", m.guid}, {"text", m.text}, {"service", m.service},
+        {"thread_originator_guid", m.replyToGuid}};
+    EXPECT_EQ(fields.at(column), expected) << column;
+  }
 }
 
 TEST_F(ExtractionTest, TextColumnWinsAndIsNotRetriedWhenItCleansToEmpty) {
