@@ -161,8 +161,10 @@ void FileStateStore::prepareDirectory() const { makePrivateDirectory(directory_)
 
 void FileStateStore::save(const AgentState& state) {
   std::lock_guard lock(mutex_);
-  known_.reset();
   prepareDirectory();
+  // Most saves of an idle cycle would write the file it has.
+  if (known_ && known_->state == state && stampOf(path_) == known_->stamp) return;
+  known_.reset();
 
   // nlohmann::json keeps object keys sorted, so equal states give equal
   // files. Ill-formed UTF-8 in a text becomes U+FFFD rather than failing the save.

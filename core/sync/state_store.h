@@ -68,7 +68,8 @@ class FileStateStore final : public StateStore {
 
   // prepareDirectory(), then writes "state.json.<pid>.tmp" (0600) and flushes
   // it to disk, renames it over "state.json" and flushes the directory. No
-  // temporary file is left behind.
+  // temporary file is left behind. Nothing is written when the file this
+  // store read or wrote last is in place and holds `state` already.
   void save(const AgentState& state) override;
 
   // Device, inode, size and modification time of a state file.

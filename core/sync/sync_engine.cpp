@@ -50,7 +50,6 @@ class Cycle {
 
   CycleResult run() {
     state_ = deps_.store->load();
-    saved_ = state_;
     config_ = deps_.api->getConfig();
     if (deps_.stop.stopRequested()) throw CycleStopped();
     result_.pollIntervalSec = config_.pollIntervalSec;
@@ -88,13 +87,7 @@ class Cycle {
     throw CycleStopped();
   }
 
-  // Saves the state unless it is what the store already holds: an idle cycle
-  // changes nothing but its time of sync.
-  void save() {
-    if (state_ == saved_) return;
-    deps_.store->save(state_);
-    saved_ = state_;
-  }
+  void save() { deps_.store->save(state_); }
 
   struct Directory {
     std::vector<DirectoryEntry> toSend;
@@ -326,7 +319,6 @@ class Cycle {
   CycleResult result_;
   std::int64_t upTo_ = 0;
   std::vector<ChatDB::OneToOneChat> chats_;
-  AgentState saved_;  // what the store holds
   ChatDB::ChatMap rosterChats_;
 };
 

@@ -80,6 +80,13 @@ TEST_F(FileStateStoreTest, AFileReplacedByAnotherWriterIsReadAgain) {
   fs::rename(other, store.path());
   EXPECT_EQ(store.load().cursor, 2222);
   EXPECT_EQ(store.load().cursor, 2222);
+
+  // Saving what the store last wrote writes it again over another's file.
+  store.save(AgentState{.cursor = 1111});
+  writeFile(other, text);
+  fs::rename(other, store.path());
+  store.save(AgentState{.cursor = 1111});
+  EXPECT_EQ(FileStateStore(tmp.path()).load().cursor, 1111);
 }
 
 TEST_F(FileStateStoreTest, FileLeavesOutAbsentOptionalsButAlwaysHasCollections) {
