@@ -42,7 +42,7 @@ constexpr std::size_t kMemoryRuns = 3;
 constexpr std::int64_t kIdleLaterMs = 60000;
 
 constexpr const char* kUsage =
-    "Usage: corvane-bench [--data DIR] [--sizes 10k,100k,1M] [--runs N]\n"
+    "Usage: corvane-bench [--data DIR] [--sizes 10k,100k,1M] [--runs N] [--only extraction]\n"
     "\n"
     "Times the agent's reads and sync cycles on generated Messages databases against\n"
     "the same SQL stepped with raw SQLite, and prints one table per size and the\n"
@@ -51,13 +51,16 @@ constexpr const char* kUsage =
     "  --data DIR    where the databases are generated and kept (build/bench-data)\n"
     "  --sizes LIST  message counts, k and M allowed (10k,100k,1M); the targets are\n"
     "                checked on the last\n"
-    "  --runs N      timed runs per figure (15 up to 10k, 9 up to 100k, 5 above)\n";
+    "  --runs N      timed runs per figure (15 up to 10k, 9 up to 100k, 5 above)\n"
+    "  --only extraction\n"
+    "                only the messagesAfter and messagesSince lines (for profiling)\n";
 
 struct Options {
   bool help = false;
   std::string dataDir = "build/bench-data";
   std::vector<std::int64_t> sizes = {10000, 100000, 1000000};
   std::optional<std::size_t> runs;
+  bool onlyExtraction = false;
 };
 
 std::string sizeName(std::int64_t n) {
@@ -96,6 +99,9 @@ Options parseOptions(int argc, char** argv) {
       }
     } else if (arg == "--runs") {
       o.runs = std::stoul(value());
+    } else if (arg == "--only") {
+      if (value() != "extraction") throw std::invalid_argument("--only takes extraction");
+      o.onlyExtraction = true;
     } else if (arg == "--help" || arg == "-h") {
       o.help = true;
     } else {
@@ -202,6 +208,11 @@ std::vector<std::int64_t> paramsOf(const ChatDB::ChatMap& chats, std::int64_t a,
 
 std::string ratioOf(double agent, double floor) { return floor > 0 ? times(agent / floor) : ""; }
 
+// The agent's median over the floor's, and the spread of the runs' own ratios.
+Figure figureOf(const MeasuredPair& m, std::size_t runs) {
+  return {m.agent.wall.median / m.floor.wall.median, m.ratio.min, m.ratio.max, runs};
+}
+
 Line timeLine(std::string figure, const MeasuredPair& m) {
   return {std::move(figure), timeRange(m.agent.wall), timeRange(m.floor.wall),
           ratioOf(m.agent.wall.median, m.floor.wall.median)};
@@ -240,9 +251,9 @@ Line memoryLine(std::string figure, const MemoryFigure& m) {
 // What the targets are checked on, from the size they are stated for.
 struct TargetFigures {
   std::int64_t size = 0;
-  double extraction = 0, directory = 0, idle = 0, upload = 0;
+  Figure extraction, directory, idle, upload;
   // Cycles that keep the directory between them, against the directory floor.
-  double cachedUnchanged = 0, cachedNewMessage = 0, cachedDeleted = 0, cachedFirst = 0;
+  Figure cachedUnchanged, cachedNewMessage, cachedDeleted, cachedFirst;
   std::optional<MemoryFigure> memory;
 };
 
@@ -275,9 +286,9 @@ void cachedCycles(const std::string& path, BenchServer& server, std::size_t runs
       return 0.0;
     };
   };
-  const auto line = [&](const std::string& figure, const MeasuredPair& m, double& ratio) {
+  const auto line = [&](const std::string& figure, const MeasuredPair& m, Figure& ratio) {
     lines.push_back(timeLine(figure, m));
-    ratio = m.agent.wall.median / m.floor.wall.median;
+    ratio = figureOf(m, runs);
   };
 
   line("cached cycle, database unchanged (floor: directory + maxRowId)",
@@ -352,6 +363,15 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
   const std::string maxSQL = statementsOf(db, [&] { db.maxRowId(); }).front();
   const EmptyContactBook noContacts;
   std::vector<Line> lines;
+  const auto printLines = [&] {
+    printTable("== " + sizeName(messages) + " messages (" + path + "): " +
+                   grouped(static_cast<long long>(every.size())) +
+                   " one-to-one chats, roster of " + std::to_string(roster.roster.size()) +
+                   "; median [min \u2013 max] of " + std::to_string(runs) + " runs; load now " +
+                   loadAverage(),
+               lines);
+    std::fflush(stdout);
+  };
 
   // Extraction of everything, and the 30-day backfill of the roster.
   std::size_t extractedCount = 0, backfillCount = 0, entries = 0, unused = 0;
@@ -361,7 +381,10 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
   lines.push_back(timeLine("messagesAfter, every 1:1 chat from 0 (" +
                                grouped(static_cast<long long>(extractedCount)) + " msgs)",
                            extraction));
-  result.extraction = extraction.agent.wall.median / extraction.floor.wall.median;
+  lines.push_back({"messagesAfter, CPU of the agent's thread", timeRange(extraction.agent.cpu),
+                   timeRange(extraction.floor.cpu),
+                   ratioOf(extraction.agent.cpu.median, extraction.floor.cpu.median)});
+  result.extraction = figureOf(extraction, runs);
 
   const auto backfillFloor = [&] {
     floor.extraction(db, sinceWhere(rosterChats.size()), sinceParams);
@@ -374,6 +397,10 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
                                " handles (" + grouped(static_cast<long long>(backfillCount)) +
                                " msgs)",
                            since));
+  if (options.onlyExtraction) {
+    printLines();
+    return result;
+  }
 
   // The directory, and maxRowId (the rest of an idle cycle's floor).
   const auto dir = againstFloor(
@@ -382,7 +409,7 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
       [&] { floor.directory(db, since365); }, entries);
   lines.push_back(timeLine(
       "buildDirectory, 365 days (" + grouped(static_cast<long long>(entries)) + " entries)", dir));
-  result.directory = dir.agent.wall.median / dir.floor.wall.median;
+  result.directory = figureOf(dir, runs);
   const auto rowId = againstFloor(
       "maxRowId", db, floor, runs, [&] { return static_cast<std::size_t>(db.maxRowId()); },
       [&] { floor.run(maxSQL, {}); }, unused);
@@ -411,7 +438,7 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
   lines.push_back({"idle cycle, CPU of the agent's thread", timeRange(idle.agent.cpu),
                    timeRange(idle.floor.cpu),
                    ratioOf(idle.agent.cpu.median, idle.floor.cpu.median)});
-  result.idle = idle.agent.wall.median / idle.floor.wall.median;
+  result.idle = figureOf(idle, runs);
 
   cachedCycles(path, server, runs, rosterChats.begin()->first,
                [&] {
@@ -453,7 +480,9 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
                        " requests, " + megabytes(uploadBytes) + ")",
                    timeRange(first.agent.extra), "vs messagesSince above",
                    ratioOf(first.agent.extra.median, since.agent.wall.median)});
-  result.upload = first.agent.extra.median / since.agent.wall.median;
+  const double sinceMedian = since.agent.wall.median;
+  result.upload = {first.agent.extra.median / sinceMedian, first.agent.extra.min / sinceMedian,
+                   first.agent.extra.max / sinceMedian, runs};
 
   // JSON encoding of one upload batch.
   SyncRequest batch;
@@ -491,12 +520,7 @@ TargetFigures benchSize(const Options& options, const std::string& self, BenchSe
                                *result.memory));
   }
 
-  printTable("== " + sizeName(messages) + " messages (" + path + "): " +
-                 grouped(static_cast<long long>(every.size())) + " one-to-one chats, roster of " +
-                 std::to_string(roster.roster.size()) + "; median [min \u2013 max] of " +
-                 std::to_string(runs) + " runs; load now " + loadAverage(),
-             lines);
-  std::fflush(stdout);
+  printLines();
   return result;
 }
 
@@ -519,7 +543,7 @@ int run(int argc, char** argv) {
 
   // The targets are stated for the largest database.
   const TargetFigures& f = figures.back();
-  const std::string on = "(" + sizeName(f.size) + " messages)";
+  const std::string on = sizeName(f.size) + " messages";
   std::vector<Target> targets = {
       {"messagesAfter from 0 vs its SQL floor", f.extraction, 1.3, false, on},
       {"buildDirectory vs its SQL floor", f.directory, 1.2, false, on},
@@ -530,10 +554,13 @@ int run(int argc, char** argv) {
       {"cached cycle, one deletion vs directory floor", f.cachedDeleted, 0.30, false, on},
       {"cached cycle, first after start vs directory floor", f.cachedFirst, 1.05, false, on},
   };
+  if (options.onlyExtraction) targets.resize(1);
   if (f.memory) {
+    const double json = f.memory->jsonBytes / 1024;
     targets.push_back({"first cycle: memory added vs JSON uploaded",
-                       f.memory->addedKB.median * 1024 / f.memory->jsonBytes, 4, true,
-                       "(" + grouped(f.memory->messages) + " msgs backfilled)"});
+                       {f.memory->addedKB.median / json, f.memory->addedKB.min / json,
+                        f.memory->addedKB.max / json, kMemoryRuns},
+                       4, true, grouped(f.memory->messages) + " msgs backfilled"});
   }
   printTargets(targets);
   std::printf("\nload:    %s at the end\n", loadAverage().c_str());

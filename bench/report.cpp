@@ -76,13 +76,18 @@ void printTable(const std::string& title, const std::vector<Line>& lines) {
 }
 
 void printTargets(const std::vector<Target>& targets) {
-  std::printf("\nTargets\n");
+  std::printf("\nTargets: the figure of the medians [the lowest \u2013 highest single run]\n");
   std::size_t w = 0;
   for (const auto& t : targets) w = std::max(w, width(t.what));
   for (const auto& t : targets) {
-    std::printf("  %s  %s (limit %s)  %s  %s\n", padded(t.what, w).c_str(),
-                padded(times(t.ratio), 7, true).c_str(), times(t.limit).c_str(),
-                t.met() ? "met   " : "MISSED", t.basis.c_str());
+    const Figure& f = t.figure;
+    const std::string spread = "[" + format("%.2f", f.low) + " \u2013 " + times(f.high) + "]";
+    const std::string verdict =
+        t.met() ? "met" : "MISSED by " + times(std::max(f.ratio - t.limit, 0.0));
+    std::printf("  %s  %s %s (limit %s%s)  %s  (%s, %zu runs)\n", padded(t.what, w).c_str(),
+                padded(times(f.ratio), 7, true).c_str(), padded(spread, 16).c_str(),
+                t.strictlyBelow ? "<" : "", times(t.limit).c_str(),
+                padded(verdict, 16).c_str(), t.basis.c_str(), f.runs);
   }
 }
 

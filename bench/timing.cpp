@@ -61,12 +61,14 @@ MeasuredPair measurePair(std::size_t runs, const Operation& agent, const Operati
   agent();
   floor();
   std::vector<Sample> a, f;
+  std::vector<double> ratios;
   for (std::size_t i = 0; i < runs; ++i) {
     f.push_back(timeOnce(floor));
     prepare();
     a.push_back(timeOnce(agent));
+    if (f.back().wall > 0) ratios.push_back(a.back().wall / f.back().wall);
   }
-  return {summarizeAll(a), summarizeAll(f)};
+  return {summarizeAll(a), summarizeAll(f), summarize(ratios)};
 }
 
 }  // namespace corvane::bench

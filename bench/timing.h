@@ -39,6 +39,7 @@ Measured measure(std::size_t runs, const Operation& op);
 // a burst of load elsewhere on the machine hits both alike.
 struct MeasuredPair {
   Measured agent, floor;
+  Stats ratio;  // agent ÷ floor wall time, run by run: the spread of the ratio
 };
 MeasuredPair measurePair(std::size_t runs, const Operation& agent, const Operation& floor);
 // The same with `prepare` run, untimed, before each run of `agent` (the
