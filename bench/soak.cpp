@@ -29,6 +29,7 @@
 #include "core/api/api_client.h"
 #include "core/contacts/contact_book.h"
 #include "core/send/apple_script_sender.h"
+#include "core/sync/heap.h"
 #include "core/sync/state_store.h"
 #include "core/sync/sync_engine.h"
 #include "tests/support/temp_dir.h"
@@ -438,8 +439,9 @@ int soak(const Options& options) {
     std::fprintf(stderr, "corvane-soak reads /proc/self, which this system lacks (Linux only)\n");
     return 1;
   }
-  // The agent's entry point does the same: a server gone mid-request must be
-  // an error, not the end of the process.
+  // As the agent's entry point does: the allocator set for a resident, and a
+  // server gone mid-request an error, not the end of the process.
+  Heap::configureForResident();
   signal(SIGPIPE, SIG_IGN);
 
   const std::string generated = ensureDatabase(options.data, options.messages);
