@@ -139,9 +139,13 @@ Options parse(int argc, char** argv) {
   Options o;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      std::exit(0);
+    }
     if (i + 1 >= argc) {
       std::fputs(kUsage, stderr);
-      std::exit(arg == "--help" ? 0 : 64);
+      std::exit(64);
     }
     const std::string value = argv[++i];
     try {
