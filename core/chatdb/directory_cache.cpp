@@ -374,24 +374,20 @@ std::optional<DirectoryCache::Refresh> DirectoryCache::lastRefresh() const {
 std::vector<ChatDB::OneToOneChat> DirectoryCache::oneToOneChats(const std::string& path,
                                                                 ChatDB& reader) {
   std::lock_guard lock(mutex_);
-  try {
-    State& state = stateFor(path);
-    const std::int64_t dataVersion = firstInteger(state.sql().query("PRAGMA data_version"));
-    const std::int64_t schemaVersion = firstInteger(state.sql().query("PRAGMA schema_version"));
-    const auto& last = state.chatsRead;
-    if (last && last->dataVersion == dataVersion && last->schemaVersion == schemaVersion &&
-        last->region == reader.region()) {
-      return last->chats;
-    }
-    state.chatsRead.reset();
-    auto chats = reader.oneToOneChats();
-    state.chatsRead = State::ChatsRead{dataVersion, schemaVersion, reader.region(), chats};
-    return chats;
-  } catch (...) {
-    state_.reset();
-    lastRefresh_.reset();
-    throw;
+  // A failure leaves no answer behind (it is dropped before the read), so
+  // the rest of the cache stays as it was.
+  State& state = stateFor(path);
+  const std::int64_t dataVersion = firstInteger(state.sql().query("PRAGMA data_version"));
+  const std::int64_t schemaVersion = firstInteger(state.sql().query("PRAGMA schema_version"));
+  const auto& last = state.chatsRead;
+  if (last && last->dataVersion == dataVersion && last->schemaVersion == schemaVersion &&
+      last->region == reader.region()) {
+    return last->chats;
   }
+  state.chatsRead.reset();
+  auto chats = reader.oneToOneChats();
+  state.chatsRead = State::ChatsRead{dataVersion, schemaVersion, reader.region(), chats};
+  return chats;
 }
 
 std::vector<DirectoryEntry> DirectoryCache::buildDirectory(

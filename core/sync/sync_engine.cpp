@@ -72,7 +72,7 @@ class Cycle {
       state_.lastSyncAt = isoString(now_);
       state_.rosterCount = result_.rosterCount;
       state_.lastError.reset();
-      save();
+      deps_.store->save(state_);
     }
     if (deps_.fingerprints) deps_.fingerprints->endCycle();
     return result_;
@@ -83,11 +83,10 @@ class Cycle {
   // posted again), then ends the cycle.
   void checkStop() {
     if (!deps_.stop.stopRequested()) return;
-    if (!deps_.dryRun) save();
+    if (!deps_.dryRun) deps_.store->save(state_);
     throw CycleStopped();
   }
 
-  void save() { deps_.store->save(state_); }
 
   struct Directory {
     std::vector<DirectoryEntry> toSend;
@@ -180,7 +179,7 @@ class Cycle {
     state_.backfilled.insert(state_.backfilled.end(), newHandles.begin(), newHandles.end());
     state_.directorySent = std::move(dir.fingerprints);
     if (dir.full) state_.directoryFullAt = now_;
-    save();
+    deps_.store->save(state_);
     result_.cursor = upTo_;
   }
 
@@ -277,7 +276,7 @@ class Cycle {
       }
       send(item, kind);
     }
-    if (!deps_.dryRun) save();
+    if (!deps_.dryRun) deps_.store->save(state_);
   }
 
   void send(const OutboxItem& item, const std::string& kind) {
@@ -288,7 +287,7 @@ class Cycle {
     // failed next cycle instead of sending it again.
     state_.outboxDone.push_back(
         {item.id, SendStatus::failed, OutboxDone::interruptedError, now_, false});
-    save();
+    deps_.store->save(state_);
 
     const SendResult sent = deps_.sender->send(item.handle, item.text);
     OutboxDone& record = *doneRecord(item.id);
